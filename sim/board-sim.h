@@ -53,6 +53,7 @@ BOARD_SIM_API std::vector<Transfer> recorded_traffic();
 // Raw ADC buffers (16 entries, as the device holds them) for the next sequences, one per
 // sequence; after them the RF model drives the channels again.
 BOARD_SIM_API void queue_adc_buffer(const std::array<uint16_t, 16>& entries);
+BOARD_SIM_API void clear_adc_queue();
 // A raw temperature register word in place of the board temperature; -1 clears it.
 BOARD_SIM_API void set_temperature_word(int word);
 // ADS7142 register contents and the number of sequences it ran, for checks of the set-up.

@@ -82,6 +82,11 @@ void queue_adc_buffer(const std::array<uint16_t, 16>& entries) {
         simulation->queue_adc_buffer(entries);
 }
 
+void clear_adc_queue() {
+    if (Simulation* simulation = Simulation::get())
+        simulation->clear_adc_queue();
+}
+
 void set_temperature_word(int word) {
     if (Simulation* simulation = Simulation::get())
         simulation->set_temperature_word(word);

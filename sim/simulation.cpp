@@ -406,6 +406,11 @@ void Simulation::queue_adc_buffer(const SimAds7142::Buffer& entries) {
     adc_.queue_buffer(entries);
 }
 
+void Simulation::clear_adc_queue() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    adc_.clear_queue();
+}
+
 void Simulation::set_temperature_word(int word) {
     std::lock_guard<std::mutex> lock(mutex_);
     temperature_override_ = word < 0 ? -1 : (word & 0xFFFF);

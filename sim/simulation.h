@@ -70,6 +70,7 @@ class Simulation {
     void start_recording();
     std::vector<Transfer> recorded_traffic();
     void queue_adc_buffer(const SimAds7142::Buffer& entries);
+    void clear_adc_queue();
     void set_temperature_word(int word);
     int adc_register(uint8_t reg);
     int adc_sequences();
