@@ -11,11 +11,16 @@ namespace {
 
 const std::string kHeader = "mV,MCS0,MCS1,MCS2,MCS3,MCS4,MCS5,MCS6,MCS7\n";
 
+struct Case {
+    std::string file;  // everything after the header line
+    int mcs;
+    double mv;
+    double dbm;
+};
+
 class CachedTableTest : public ::testing::Test {
   protected:
-    void SetUp() override { init_csv_cache_manager(); }
-
-    // Loads `rows` (below a header) into the 2.4 cache, replacing what it held.
+    // Loads a fresh 2.4 table made of `header` and `rows`.
     std::string load(const std::string& rows, const std::string& header = kHeader) {
         init_csv_cache_manager();
         std::string path = dir_.write_file("2_4_mv_to_dbm.csv", header + rows);
@@ -30,85 +35,66 @@ class CachedTableTest : public ::testing::Test {
         return dbm_out;
     }
 
+    void expect_all(const std::vector<Case>& cases) {
+        for (const Case& c : cases) {
+            load(c.file);
+            EXPECT_EQ(lookup(c.mv, c.mcs), c.dbm) << c.file << "MCS " << c.mcs << " at " << c.mv;
+        }
+    }
+
     orca_test::TempDir dir_;
 };
 
-TEST_F(CachedTableTest, MiddleHalfAveragesAndEndsReadTheNearestRow) {
-    load("100,0\n200,10\n");
-    const std::pair<double, double> cases[] = {
-        {150, 5}, {130, 5},  {170, 5},  // middle half
-        {120, 0}, {180, 10},            // nearer end
-        {125, 0},                       // midpoint as near as the end: the end stands
-        {50, 0},  {500, 10},            // no extrapolation
-        {100, 0}, {200, 10}};
-    for (auto [mv, dbm] : cases)
-        EXPECT_EQ(lookup(mv), dbm) << "at " << mv << " mV";
+TEST_F(CachedTableTest, ReadsMiddleHalfMeanOrNearestRow) {
+    const std::string two = "100,0\n200,10\n";
+    expect_all({// middle half
+                {two, 0, 150, 5},
+                {two, 0, 130, 5},
+                {two, 0, 170, 5},
+                // nearer end, and the midpoint as near as the end: the end stands
+                {two, 0, 120, 0},
+                {two, 0, 180, 10},
+                {two, 0, 125, 0},
+                // no extrapolation
+                {two, 0, 50, 0},
+                {two, 0, 500, 10},
+                // the mean is rounded to 0.5 dB, halves away from zero
+                {"100,0.3\n200,0.4\n", 0, 150, 0.5},
+                {"100,0.25\n200,0.25\n", 0, 150, 0.5},
+                {"100,-0.25\n200,-0.25\n", 0, 150, -0.5},
+                // a middle half overrides even an exact earlier row
+                {"150,7\n100,0\n200,10\n", 0, 150, 5},
+                // a closer or equally near earlier row beats either end of a bracket
+                {"118,3\n100,0\n200,10\n", 0, 120, 3},
+                {"140,7\n100,0\n200,10\n", 0, 120, 7},
+                {"160,7\n100,0\n200,10\n", 0, 180, 7}});
 }
 
-TEST_F(CachedTableTest, MeanIsRoundedToHalfDbWithHalvesAwayFromZero) {
-    load("100,0.3\n200,0.4\n");
-    EXPECT_EQ(lookup(150), 0.5);
-    load("100,0.25\n200,0.25\n");
-    EXPECT_EQ(lookup(150), 0.5);
-    load("100,-0.25\n200,-0.25\n");
-    EXPECT_EQ(lookup(150), -0.5);
-}
+TEST_F(CachedTableTest, ParsesFieldsAndLinesLikeTheVehicleFiles) {
+    expect_all({{"100,,5\n", 0, 100, 5},                  // runs of commas are one separator
+                {"100,0,1,2,3,4,5,6,7,99\n", 7, 100, 7},  // MCS 7 is field 9
+                {"100,1,2\n", 2, 100, 0},                 // missing trailing field
+                {"100,0\n150\n200,10\n", 0, 150, 0},      // a short row still counts
+                {"100,12dB,abc\n", 0, 100, 12},           // leading-number rule
+                {"100,12dB,abc\n", 1, 100, 0},
+                {"100,4\n\n", 0, 0, 0},    // an empty line is a row at 0 mV...
+                {"100,4\n,,,,", 0, 0, 4},  // ...a line of only commas is none
+                // a 1023-character piece ends a row
+                {"100,4" + std::string(1018, ',') + "300,9\n", 0, 300, 9}});
 
-TEST_F(CachedTableTest, EarlierRowsAndTiesFollowTheScanOrder) {
-    // A middle-half bracket overrides an exact earlier match.
-    load("150,7\n100,0\n200,10\n");
-    EXPECT_EQ(lookup(150), 5);
-    // A closer earlier row survives a nearer-end bracket...
-    load("118,3\n100,0\n200,10\n");
-    EXPECT_EQ(lookup(120), 3);
-    // ...and so does an equally near one, at either end of the bracket.
-    load("140,7\n100,0\n200,10\n");
-    EXPECT_EQ(lookup(120), 7);
-    load("160,7\n100,0\n200,10\n");
-    EXPECT_EQ(lookup(180), 7);
-}
-
-TEST_F(CachedTableTest, FieldsFollowTheCommaRules) {
-    load("100,,5\n");
-    EXPECT_EQ(lookup(100), 5);
-    load("100,0,1,2,3,4,5,6,7,99\n");
-    EXPECT_EQ(lookup(100, 7), 7);  // MCS 7 is field 9; field 10 is ignored
-    load("100,1,2\n");
-    EXPECT_EQ(lookup(100, 1), 2);
-    EXPECT_EQ(lookup(100, 2), 0);  // missing trailing field
-    load("100,12dB,abc\n");
-    EXPECT_EQ(lookup(100, 0), 12);
-    EXPECT_EQ(lookup(100, 1), 0);
-}
-
-TEST_F(CachedTableTest, EmptyLinesAreRowsAndCommaOnlyLinesAreNot) {
-    load("100,4\n\n");
-    EXPECT_EQ(lookup(0), 0);  // the empty line is a row at 0 mV
-    load("100,4\n,,,,");
-    EXPECT_EQ(lookup(0), 4);
-    EXPECT_EQ(get_csv_cache_for_freq("2.4")->row_count, 1);
-}
-
-TEST_F(CachedTableTest, LinesAreReadIn1023CharacterPieces) {
     load("150,8\n", std::string(1023, 'h'));  // the header's tail is the first row
     EXPECT_EQ(lookup(150), 8);
-    load("100,4" + std::string(1018, ',') + "300,9\n");
-    EXPECT_EQ(get_csv_cache_for_freq("2.4")->row_count, 2);
-    EXPECT_EQ(lookup(300), 9);
 }
 
-TEST_F(CachedTableTest, OnlyTheFirstThousandRowsAreKept) {
+TEST_F(CachedTableTest, KeepsTheFirstThousandRows) {
     std::string rows;
     for (int mv = 1; mv <= 1200; ++mv)
         rows += std::to_string(mv) + (mv <= 1000 ? ",1\n" : ",2\n");
     load(rows);
     EXPECT_EQ(get_csv_cache_for_freq("2.4")->row_count, 1000);
     EXPECT_EQ(lookup(1100), 1);
-}
 
-TEST_F(CachedTableTest, HeaderOnlyTableReadsZeroDbm) {
-    load("");
-    EXPECT_TRUE(get_csv_cache_for_freq("2.4")->loaded);
+    load("");  // header only
     EXPECT_EQ(lookup(500, 3), 0.0);
 }
 
@@ -122,58 +108,42 @@ TEST_F(CachedTableTest, LoadedBandIsNotReadAgain) {
 
     init_csv_cache_manager();
     EXPECT_FALSE(get_csv_cache_for_freq("2.4")->loaded);
-    EXPECT_EQ(get_csv_cache_for_freq("2.4")->row_count, 0);
 }
 
-TEST_F(CachedTableTest, FailedLoadsReportAndLeaveTheCacheEmpty) {
+TEST_F(CachedTableTest, FailedLoadsReportAndCanBeRetried) {
     CsvBandCache* cache = get_csv_cache_for_freq("5.1");
     std::string path = dir_.path() + "/5_1_mv_to_dbm.csv";
-
     testing::internal::CaptureStderr();
+    EXPECT_EQ(load_csv_cache(cache, path.c_str()), -1);
+    dir_.write_file("5_1_mv_to_dbm.csv", "");
     EXPECT_EQ(load_csv_cache(cache, path.c_str()), -1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error opening csv dbm conversion file: No such file or directory\n");
-    EXPECT_FALSE(cache->loaded);
-
-    dir_.write_file("5_1_mv_to_dbm.csv", "");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(load_csv_cache(cache, path.c_str()), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error reading CSV header\\n");
+              "Error opening csv dbm conversion file: No such file or directory\n"
+              "Error reading CSV header\\n");
     EXPECT_FALSE(cache->loaded);
 
     dir_.write_file("5_1_mv_to_dbm.csv", kHeader + "100,1\n");
-    EXPECT_EQ(load_csv_cache(cache, path.c_str()), 0);  // a later attempt succeeds
+    EXPECT_EQ(load_csv_cache(cache, path.c_str()), 0);
     EXPECT_EQ(cache->row_count, 1);
 }
 
-TEST_F(CachedTableTest, BadMcsOrBandFailsWithoutTouchingTheOutputs) {
+TEST_F(CachedTableTest, RejectsBadMcsAndBandsWithoutTouchingTheOutputs) {
     load("100,1\n");
-    struct Case {
-        int mcs;
-        const char* band;
-        const char* message;
-    };
-    const Case cases[] = {{8, "2.4", "Invalid MCS value: 8. Must be 0-7\\n"},
-                          {-1, "2.4", "Invalid MCS value: -1. Must be 0-7\\n"},
-                          {0, "2.40", "Invalid frequency: 2.40\\n"},
-                          {0, "5_8", "Invalid frequency: 5_8\\n"},
-                          {0, nullptr, "Invalid frequency: (null)\\n"}};
-    for (const Case& c : cases) {
-        double mv_out = 42, dbm_out = 43;
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(read_csv_data_cached(&mv_out, &dbm_out, c.mcs, c.band, 100), -1);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.message);
-        EXPECT_EQ(mv_out, 42);
-        EXPECT_EQ(dbm_out, 43);
-    }
-}
+    double mv_out = 42, dbm_out = 43;
+    testing::internal::CaptureStderr();
+    for (int mcs : {8, -1})
+        EXPECT_EQ(read_csv_data_cached(&mv_out, &dbm_out, mcs, "2.4", 100), -1);
+    for (const char* band : {"2.40", "5_8", "5.8 ", "", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(read_csv_data_cached(&mv_out, &dbm_out, 0, band, 100), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Invalid MCS value: 8. Must be 0-7\\nInvalid MCS value: -1. Must be 0-7\\n"
+              "Invalid frequency: 2.40\\nInvalid frequency: 5_8\\nInvalid frequency: 5.8 \\n"
+              "Invalid frequency: \\nInvalid frequency: (null)\\n");
+    EXPECT_EQ(mv_out, 42);
+    EXPECT_EQ(dbm_out, 43);
 
-TEST(CsvCacheManagerTest, BandsMapToTheirOwnCache) {
-    EXPECT_EQ(get_csv_cache_for_freq("2.4"), &g_csv_cache_manager.caches[0]);
     EXPECT_EQ(get_csv_cache_for_freq("5.1"), &g_csv_cache_manager.caches[1]);
     EXPECT_EQ(get_csv_cache_for_freq("5.8"), &g_csv_cache_manager.caches[2]);
-    for (const char* band : {"5.8 ", "5.", "2_4", "", "2.4.5"})
-        EXPECT_EQ(get_csv_cache_for_freq(band), nullptr) << band;
 }
 
 }  // namespace

@@ -30,27 +30,21 @@ double series_exp10(double x) {
     return std::fma(y / 15, terms[14], sum);
 }
 
-TEST(PowerOfTenTest, WholeNumbersUpToTwentyAreExact) {
+TEST(PowerOfTenTest, WholeNumbersAreExactAndOthersFollowTheSeriesToTheLastBit) {
     for (int k = 0; k <= 20; ++k)
         EXPECT_EQ(custom_exp10(k), std::stod("1e" + std::to_string(k))) << k;
-    EXPECT_EQ(custom_exp10(3.0), 1000.0);
-}
-
-TEST(PowerOfTenTest, OtherValuesFollowTheSeriesToTheLastBit) {
     for (double x : {21.0, -1.0, -0.5, 0.1, 0.5, 1.5, 2.37, 3.0001, 7.5, 20.5, 30.0, -12.25})
         EXPECT_EQ(bits(custom_exp10(x)), bits(series_exp10(x))) << x;
-    EXPECT_NE(custom_exp10(21.0), 1e21);  // the truncated series, not the true power
     EXPECT_NEAR(custom_exp10(0.5), 3.16227766, 1e-8);
 }
 
 TEST(CaseInsensitiveSearchTest, FindsTheFirstMatchIgnoringCase) {
-    const char* text = "Hello World";
+    const char* text = "Hello World abABc";
     EXPECT_EQ(custom_strcasestr(text, "WORLD"), text + 6);
-    EXPECT_EQ(custom_strcasestr(text, "o"), text + 4);
+    EXPECT_EQ(custom_strcasestr(text, "ABC"), text + 14);
     EXPECT_EQ(custom_strcasestr(text, ""), text);
-    const char* overlapping = "abABc";
-    EXPECT_EQ(custom_strcasestr(overlapping, "ABC"), overlapping + 2);
-    EXPECT_EQ(custom_strcasestr(text, "worlds"), nullptr);
+    for (const char* absent : {"worlds", "abcd"})
+        EXPECT_EQ(custom_strcasestr(text, absent), nullptr);
     EXPECT_EQ(custom_strcasestr("", "a"), nullptr);
     EXPECT_EQ(custom_strcasestr(nullptr, "a"), nullptr);
     EXPECT_EQ(custom_strcasestr(text, nullptr), nullptr);
