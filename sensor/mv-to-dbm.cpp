@@ -100,6 +100,16 @@ class NearestDbmScan {
     double best_distance_ = std::numeric_limits<double>::infinity();
 };
 
+// A line of nothing but commas (its line end aside) holds no row. An empty line is not such a
+// line: it reads as a row of 0 mV.
+bool is_only_commas(const char* line) {
+    if (*line != ',')
+        return false;
+    while (*line == ',')
+        ++line;
+    return *line == '\0' || (line[0] == '\n' && line[1] == '\0');
+}
+
 int band_index(const char* band) {
     if (band == nullptr)
         return -1;
@@ -161,10 +171,12 @@ int load_csv_cache(CsvBandCache* cache, const char* path) {
 
     cache->row_count = 0;
     while (cache->row_count < kMaxCachedRows && std::fgets(line, sizeof line, file) != nullptr) {
+        if (is_only_commas(line))
+            continue;
         FieldReader fields(line);
         const char* field = fields.next();
         if (field == nullptr)
-            continue;  // nothing but commas
+            continue;
         double* row = cache->rows[cache->row_count];
         row[0] = parse_number(field);
         for (int column = 1; column < kColumns; ++column) {
@@ -226,6 +238,8 @@ int read_csv_data_from_file(const char* path, double* mv_out, double* dbm_out, i
     const long long column = mcs < 0 ? 0 : 1LL + mcs;
     NearestDbmScan scan(mv);
     while (std::fgets(line, sizeof line, file) != nullptr) {
+        if (is_only_commas(line))
+            continue;
         FieldReader fields(line);
         const char* field = fields.next();
         if (field == nullptr)

@@ -77,8 +77,9 @@ TEST_F(CachedTableTest, ParsesFieldsAndLinesLikeTheVehicleFiles) {
                 {"100,0\n150\n200,10\n", 0, 150, 0},      // a short row still counts
                 {"100,12dB,abc\n", 0, 100, 12},           // leading-number rule
                 {"100,12dB,abc\n", 1, 100, 0},
-                {"100,4\n\n", 0, 0, 0},    // an empty line is a row at 0 mV...
-                {"100,4\n,,,,", 0, 0, 4},  // ...a line of only commas is none
+                {"100,4\n\n", 0, 0, 0},      // an empty line is a row at 0 mV...
+                {"100,4\n,,,,\n", 0, 0, 4},  // ...a line of only commas is none,
+                {"100,4\n,,,,", 0, 0, 4},    // with or without its line end
                 // a 1023-character piece ends a row
                 {"100,4" + std::string(1018, ',') + "300,9\n", 0, 300, 9}});
 
