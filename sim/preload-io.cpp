@@ -46,9 +46,9 @@ Function next_definition(const char* name) {
 // The sandboxed form of a path, held for the duration of one call.
 class MappedPath {
   public:
-    explicit MappedPath(const char* path) : path_(path) {
+    explicit MappedPath(const char* path, int dirfd = AT_FDCWD) : path_(path) {
         Simulation* simulation = Simulation::get();
-        if (simulation && simulation->map_path(path, buffer_, sizeof buffer_))
+        if (simulation && simulation->map_path(path, buffer_, sizeof buffer_, dirfd))
             path_ = buffer_;
     }
     operator const char*() const { return path_; }
@@ -60,7 +60,7 @@ class MappedPath {
     char buffer_[PATH_MAX];
 };
 
-// Paths relative to a directory descriptor are left alone; absolute ones are mapped.
+// Only absolute names can be i2c-dev nodes.
 const char* absolute_or_null(const char* path) {
     return (path != nullptr && path[0] == '/') ? path : nullptr;
 }
@@ -235,9 +235,7 @@ EXPORT int openat(int dirfd, const char* path, int flags, ...) {
     int result = -1;
     if (absolute_or_null(path) && open_i2c_node(path, flags, &result))
         return result;
-    if (!absolute_or_null(path))
-        return real_openat(dirfd, path, flags, mode);
-    return real_openat(dirfd, MappedPath(path), flags, mode);
+    return real_openat(dirfd, MappedPath(path, dirfd), flags, mode);
 }
 
 EXPORT int openat64(int dirfd, const char* path, int flags, ...) {
@@ -252,9 +250,7 @@ EXPORT int openat64(int dirfd, const char* path, int flags, ...) {
     int result = -1;
     if (absolute_or_null(path) && open_i2c_node(path, flags, &result))
         return result;
-    if (!absolute_or_null(path))
-        return real_openat64(dirfd, path, flags, mode);
-    return real_openat64(dirfd, MappedPath(path), flags, mode);
+    return real_openat64(dirfd, MappedPath(path, dirfd), flags, mode);
 }
 
 EXPORT int __openat_2(int dirfd, const char* path, int flags) {
@@ -262,7 +258,7 @@ EXPORT int __openat_2(int dirfd, const char* path, int flags) {
     int result = -1;
     if (absolute_or_null(path) && open_i2c_node(path, flags, &result))
         return result;
-    return real___openat_2(dirfd, absolute_or_null(path) ? MappedPath(path).c_str() : path, flags);
+    return real___openat_2(dirfd, MappedPath(path, dirfd), flags);
 }
 
 EXPORT int __openat64_2(int dirfd, const char* path, int flags) {
@@ -270,8 +266,7 @@ EXPORT int __openat64_2(int dirfd, const char* path, int flags) {
     int result = -1;
     if (absolute_or_null(path) && open_i2c_node(path, flags, &result))
         return result;
-    MappedPath mapped(path);
-    return real___openat64_2(dirfd, absolute_or_null(path) ? mapped.c_str() : path, flags);
+    return real___openat64_2(dirfd, MappedPath(path, dirfd), flags);
 }
 
 EXPORT int creat(const char* path, mode_t mode) {
@@ -390,11 +385,9 @@ EXPORT int eaccess(const char* path, int mode) noexcept {
 EXPORT int faccessat(int dirfd, const char* path, int mode, int flags) noexcept {
     REAL(faccessat);
     int result = -1;
-    if (!absolute_or_null(path))
-        return real_faccessat(dirfd, path, mode, flags);
-    if (access_i2c_node(path, mode, &result))
+    if (absolute_or_null(path) && access_i2c_node(path, mode, &result))
         return result;
-    return real_faccessat(dirfd, MappedPath(path), mode, flags);
+    return real_faccessat(dirfd, MappedPath(path, dirfd), mode, flags);
 }
 
 EXPORT int stat(const char* path, struct stat* buffer) noexcept {
@@ -433,31 +426,26 @@ EXPORT int lstat64(const char* path, struct stat64* buffer) noexcept {
 EXPORT int fstatat(int dirfd, const char* path, struct stat* buffer, int flags) noexcept {
     REAL(fstatat);
     int result = -1;
-    if (!absolute_or_null(path))
-        return real_fstatat(dirfd, path, buffer, flags);
-    if (stat_i2c_node(path, buffer, &result))
+    if (absolute_or_null(path) && stat_i2c_node(path, buffer, &result))
         return result;
-    return real_fstatat(dirfd, MappedPath(path), buffer, flags);
+    return real_fstatat(dirfd, MappedPath(path, dirfd), buffer, flags);
 }
 
 EXPORT int fstatat64(int dirfd, const char* path, struct stat64* buffer, int flags) noexcept {
     REAL(fstatat64);
     int result = -1;
-    if (!absolute_or_null(path))
-        return real_fstatat64(dirfd, path, buffer, flags);
-    if (stat_i2c_node(path, reinterpret_cast<struct stat*>(buffer), &result))
+    if (absolute_or_null(path) &&
+        stat_i2c_node(path, reinterpret_cast<struct stat*>(buffer), &result))
         return result;
-    return real_fstatat64(dirfd, MappedPath(path), buffer, flags);
+    return real_fstatat64(dirfd, MappedPath(path, dirfd), buffer, flags);
 }
 
 EXPORT int statx(int dirfd, const char* path, int flags, unsigned int mask,
                  struct statx* buffer) noexcept {
     REAL(statx);
-    if (!absolute_or_null(path))
-        return real_statx(dirfd, path, flags, mask, buffer);
     Simulation* simulation = Simulation::get();
     int bus = -1;
-    if (simulation) {
+    if (simulation && absolute_or_null(path)) {
         switch (simulation->classify_node(path, &bus)) {
             case Simulation::NodeKind::kPresent:
                 std::memset(buffer, 0, sizeof *buffer);
@@ -473,7 +461,7 @@ EXPORT int statx(int dirfd, const char* path, int flags, unsigned int mask,
                 break;
         }
     }
-    return real_statx(dirfd, MappedPath(path), flags, mask, buffer);
+    return real_statx(dirfd, MappedPath(path, dirfd), flags, mask, buffer);
 }
 
 EXPORT int mkdir(const char* path, mode_t mode) noexcept {
@@ -483,8 +471,7 @@ EXPORT int mkdir(const char* path, mode_t mode) noexcept {
 
 EXPORT int mkdirat(int dirfd, const char* path, mode_t mode) noexcept {
     REAL(mkdirat);
-    MappedPath mapped(path);
-    return real_mkdirat(dirfd, absolute_or_null(path) ? mapped.c_str() : path, mode);
+    return real_mkdirat(dirfd, MappedPath(path, dirfd), mode);
 }
 
 EXPORT int rmdir(const char* path) noexcept {
@@ -499,8 +486,7 @@ EXPORT int unlink(const char* path) noexcept {
 
 EXPORT int unlinkat(int dirfd, const char* path, int flags) noexcept {
     REAL(unlinkat);
-    MappedPath mapped(path);
-    return real_unlinkat(dirfd, absolute_or_null(path) ? mapped.c_str() : path, flags);
+    return real_unlinkat(dirfd, MappedPath(path, dirfd), flags);
 }
 
 EXPORT int remove(const char* path) noexcept {
@@ -515,19 +501,14 @@ EXPORT int rename(const char* from, const char* to) noexcept {
 
 EXPORT int renameat(int from_dir, const char* from, int to_dir, const char* to) noexcept {
     REAL(renameat);
-    MappedPath mapped_from(from);
-    MappedPath mapped_to(to);
-    return real_renameat(from_dir, absolute_or_null(from) ? mapped_from.c_str() : from, to_dir,
-                         absolute_or_null(to) ? mapped_to.c_str() : to);
+    return real_renameat(from_dir, MappedPath(from, from_dir), to_dir, MappedPath(to, to_dir));
 }
 
 EXPORT int renameat2(int from_dir, const char* from, int to_dir, const char* to,
                      unsigned int flags) noexcept {
     REAL(renameat2);
-    MappedPath mapped_from(from);
-    MappedPath mapped_to(to);
-    return real_renameat2(from_dir, absolute_or_null(from) ? mapped_from.c_str() : from, to_dir,
-                          absolute_or_null(to) ? mapped_to.c_str() : to, flags);
+    return real_renameat2(from_dir, MappedPath(from, from_dir), to_dir, MappedPath(to, to_dir),
+                          flags);
 }
 
 EXPORT int link(const char* from, const char* to) noexcept {
@@ -569,8 +550,7 @@ EXPORT int mkfifo(const char* path, mode_t mode) noexcept {
 EXPORT int utimensat(int dirfd, const char* path, const struct timespec times[2],
                      int flags) noexcept {
     REAL(utimensat);
-    MappedPath mapped(path);
-    return real_utimensat(dirfd, absolute_or_null(path) ? mapped.c_str() : path, times, flags);
+    return real_utimensat(dirfd, MappedPath(path, dirfd), times, flags);
 }
 
 EXPORT char* realpath(const char* path, char* resolved) noexcept {

@@ -1,6 +1,7 @@
 #include "simulation.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/syscall.h>
@@ -86,14 +87,71 @@ Simulation::Simulation(std::string root, SharedBlock* shared, bool owns_sandbox)
       adc_([this](int channel) { return sample_mv(channel); }),
       temperature_sensor_([this] { return temperature_word(); }) {}
 
-bool Simulation::map_path(const char* path, char* out, size_t size) const {
-    if (path == nullptr || path[0] != '/')
+namespace {
+
+// Lexical clean-up of an absolute path: no "." or empty parts, ".." taken back.
+std::string normalized(const std::string& path) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t slash = path.find('/', start);
+        if (slash == std::string::npos)
+            slash = path.size();
+        const std::string part = path.substr(start, slash - start);
+        if (part == "..") {
+            if (!parts.empty())
+                parts.pop_back();
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        start = slash + 1;
+    }
+    std::string result;
+    for (const std::string& part : parts)
+        result += "/" + part;
+    return result.empty() ? "/" : result;
+}
+
+// The directory a relative path starts from.
+bool base_directory(int dirfd, std::string* base) {
+    char buffer[PATH_MAX];
+    if (dirfd == AT_FDCWD) {
+        if (getcwd(buffer, sizeof buffer) == nullptr)
+            return false;
+        *base = buffer;
+        return true;
+    }
+    char link[64];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", dirfd);
+    const ssize_t length = readlink(link, buffer, sizeof buffer - 1);
+    if (length <= 0 || buffer[0] != '/')
         return false;
+    buffer[length] = '\0';
+    *base = buffer;
+    return true;
+}
+
+}  // namespace
+
+bool Simulation::map_path(const char* path, char* out, size_t size, int dirfd) const {
+    if (path == nullptr || path[0] == '\0')
+        return false;
+    // Relative names count too: "mkdir -p" walks down from "/run" one part at a time.
+    std::string full;
+    if (path[0] == '/') {
+        full = path;
+    } else {
+        std::string base;
+        if (!base_directory(dirfd, &base) || base.compare(0, root_.size(), root_) == 0)
+            return false;  // already inside the sandbox, or nowhere known
+        full = base + "/" + path;
+    }
+    full = normalized(full);
     for (const char* prefix : kSandboxedPrefixes) {
         const size_t length = std::strlen(prefix);
-        if (std::strncmp(path, prefix, length) == 0 &&
-            (path[length] == '\0' || path[length] == '/')) {
-            const int written = std::snprintf(out, size, "%s%s", root_.c_str(), path);
+        if (full.compare(0, length, prefix) == 0 &&
+            (full.size() == length || full[length] == '/')) {
+            const int written = std::snprintf(out, size, "%s%s", root_.c_str(), full.c_str());
             // A path too long for the sandbox must not fall through to the host's: it
             // becomes the empty path, which every call refuses.
             if (written < 0 || static_cast<size_t>(written) >= size)

@@ -33,8 +33,9 @@ class Simulation {
 
     const std::string& root() const { return root_; }
     // Writes the sandboxed location of `path` into `out` and returns true when the path is
-    // one of the board's fixed paths.
-    bool map_path(const char* path, char* out, size_t size) const;
+    // one of the board's fixed paths; a relative path is taken from `dirfd`.
+    bool map_path(const char* path, char* out, size_t size, int dirfd = kCurrentDirectory) const;
+    static constexpr int kCurrentDirectory = -100;  // AT_FDCWD
 
     // Simulated i2c-dev nodes: "/dev/i2c-N" exists when bus N does.
     enum class NodeKind { kNotI2c, kPresent, kAbsent };

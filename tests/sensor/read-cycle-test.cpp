@@ -79,9 +79,9 @@ TEST_F(ReadCycleTest, PeaksAreConvertedWithTheRadiosBandAndMcs) {
     board_sim::queue_adc_buffer(buffer_of(0x0800, 0x4000));
     board_sim::set_temperature_word(0xFF00);
     ASSERT_EQ(process_sensor_data(&reading_, fd_, 3, 5180, 2, 0.0), 0);
-    EXPECT_EQ(reading_.ch0_mv, 450.0 / 2);  // peak of codes 0x100 and 0x080
-    EXPECT_EQ(reading_.ch1_mv, 450.0);      // code 0x400
-    EXPECT_EQ(reading_.ch0_dbm, 2.0);       // channel 0 is always the 2.4 table
+    EXPECT_EQ(reading_.ch0_mv, 112.5);  // peak of codes 0x100 and 0x080
+    EXPECT_EQ(reading_.ch1_mv, 450.0);  // code 0x400
+    EXPECT_EQ(reading_.ch0_dbm, 2.0);   // channel 0 is always the 2.4 table
     EXPECT_EQ(reading_.ch1_dbm, 5.0);
     EXPECT_EQ(reading_.temperature_c, -1.0f);
     EXPECT_EQ(reading_.sample_count, 2);
@@ -169,7 +169,7 @@ TEST_F(ReadCycleTest, ConverterFailuresEndTheCycleWithTheirStep) {
         EXPECT_EQ(printed.err, c.err);
         EXPECT_EQ(is_open(fd_), !c.closes);
         EXPECT_EQ(reading_.sample_count, c.samples_done);
-        EXPECT_EQ(reading_.ch0_mv, c.samples_done ? 225.0 : 0.0);
+        EXPECT_EQ(reading_.ch0_mv, c.samples_done ? 112.5 : 0.0);
         EXPECT_EQ(reading_.ch0_dbm, 0.0);
         EXPECT_EQ(reading_.ch1_dbm, 0.0);
         board_sim::clear_faults();
@@ -224,8 +224,8 @@ TEST_F(ReadCycleTest, ConversionFailuresKeepTheMeasuredVoltages) {
     auto printed =
         capture([&] { EXPECT_EQ(process_sensor_data(&reading_, fd_, 8, 5800, 1, 0.0), -1); });
     EXPECT_EQ(printed.out, "Failed to read CSV data for channel 0\n");
-    EXPECT_EQ(reading_.ch0_mv, 225.0);
-    EXPECT_EQ(reading_.ch1_mv, 450.0);
+    EXPECT_EQ(reading_.ch0_mv, 112.5);
+    EXPECT_EQ(reading_.ch1_mv, 225.0);
     EXPECT_EQ(reading_.ch0_dbm, 0.0);
     EXPECT_EQ(reading_.sample_count, 1);
 
