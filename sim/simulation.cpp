@@ -31,6 +31,10 @@ constexpr size_t kMaxRecorded = 1000000;
 std::atomic<int> g_fd_bus[kMaxFds];  // bus + 1; 0: not a simulated bus
 int g_fd_address[kMaxFds];           // selected target; -1 until the first select
 
+// A finished simulation stays, and stays reachable (for leak checkers too): a late
+// interposed call on another thread may still hold it.
+Simulation* g_retired = nullptr;
+
 }  // namespace
 
 void Simulation::start() {
@@ -73,9 +77,11 @@ void Simulation::start() {
 
 void Simulation::finish() {
     Simulation* simulation = instance_.exchange(nullptr);
-    if (simulation != nullptr && simulation->owns_sandbox_ && getpid() == simulation->creator_pid_)
+    if (simulation == nullptr)
+        return;
+    g_retired = simulation;
+    if (simulation->owns_sandbox_ && getpid() == simulation->creator_pid_)
         remove_tree(simulation->root_);
-    // The object itself stays: a late interposed call on another thread may still hold it.
 }
 
 Simulation::Simulation(std::string root, SharedBlock* shared, bool owns_sandbox)
