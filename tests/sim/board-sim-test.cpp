@@ -5,11 +5,14 @@
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "board-sim.h"
@@ -130,6 +133,39 @@ TEST_F(BoardSimTest, FixedPathsLiveInTheSandbox) {
     EXPECT_EQ(access((root + "/run/fjp/vtx_latency/probe").c_str(), F_OK), 0);
     // The simulated board's own conversion tables are in place.
     EXPECT_EQ(access("/data/quillon/vtx/5_8_mv_to_dbm.csv", R_OK), 0);
+}
+
+TEST_F(BoardSimTest, PipeBusSocketsBindInTheSandbox) {
+    ASSERT_EQ(mkdir("/run/fjp/vtx_latency", 0755), 0);
+    const int server = socket(AF_UNIX, SOCK_STREAM, 0);
+    const int client = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(server, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/run/fjp/vtx_latency/socket");
+    ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(server, 1), 0);
+    struct stat st {};
+    ASSERT_EQ(lstat((board_sim::sandbox_root() + "/run/fjp/vtx_latency/socket").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    close(client);
+    close(server);
+}
+
+TEST_F(BoardSimTest, FaultsOfTheSharedStateApplyToo) {
+    board_sim::update_board_state(
+        [](board_sim::BoardState* state) { state->faults = "select:0x48:2;bogus"; });
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ioctl(fd_, I2C_SLAVE, 0x48), 0);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("bad fault \"bogus\""),
+              std::string::npos);
+    board_sim::update_board_state(
+        [](board_sim::BoardState* state) { state->faults = "select:0x48:2"; });
+    EXPECT_EQ(ioctl(fd_, I2C_SLAVE, 0x48), 0);
+    EXPECT_EQ(ioctl(fd_, I2C_SLAVE, 0x48), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(ioctl(fd_, I2C_SLAVE, 0x48), 0);
 }
 
 TEST_F(BoardSimTest, MainThreadWaitsRunOnTheVirtualClock) {
