@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fjord_pipe.h"
 #include "i2c-monitor.h"
 #include "orca-vtx-helpers.h"
 #include "vtx_pipe.h"
@@ -64,7 +65,8 @@ TEST(VtxLatencyValidator, AcceptsWholeRecordsOnly) {
     Validation v = validate(three.data(), 243);
     EXPECT_EQ(v.records, reinterpret_cast<VtxLatencyRecord*>(three.data()));
     EXPECT_EQ(v.count, 3);
-    EXPECT_EQ(v.records[2].frequency_mhz, 5745);
+    const int third_frequency = v.records[2].frequency_mhz;  // packed: no reference to it
+    EXPECT_EQ(third_frequency, 5745);
     EXPECT_EQ(v.errors, "");
 
     v = validate(three.data(), 0);
@@ -148,4 +150,11 @@ TEST_F(VtxDataCallback, GetVtxConfigPublishesTheState) {
     EXPECT_EQ(std::vector<int>({mcs, frequency, power_index}), std::vector<int>({4, 5200, 42}));
     EXPECT_EQ(std::vector<int>({g_global_mcs, g_global_frequency, g_global_power_idx}),
               std::vector<int>({4, 5200, 42}));
+}
+
+TEST(VtxPipeInit, OpensOnTheFixedPathWithoutAPublisher) {
+    EXPECT_EQ(init_vtx_pipe(), 0);  // only connects; creates nothing under /run/fjp/
+    EXPECT_STREQ(VTX_PIPE_PATH, "/run/fjp/vtx_latency");
+    EXPECT_LT(init_vtx_pipe(), 0);
+    pipe_client_close_all();
 }
