@@ -110,14 +110,14 @@ TEST(BoardSimEndToEnd, RunLeavesTheHostsFixedPathsAlone) {
     auto result = on_board({"--root", root},
                            {"sh", "-c",
                             "echo 1 > /data/quillon/vtx/calibrated_5_8.csv && "
-                            "mkdir -p /run/fjp/vtx_latency && touch /run/fjp/vtx_latency/info && "
+                            "mkdir -p /run/fjp/host_check && touch /run/fjp/host_check/info && "
                             "cat /data/quillon/vtx/calibrated_5_8.csv"});
     EXPECT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.out, "1\n");
     EXPECT_EQ(snapshot("/data/quillon/vtx"), data_before);
     EXPECT_EQ(snapshot("/run/fjp"), run_before);
     EXPECT_TRUE(exists(root + "/data/quillon/vtx/calibrated_5_8.csv"));
-    EXPECT_TRUE(exists(root + "/run/fjp/vtx_latency/info"));
+    EXPECT_TRUE(exists(root + "/run/fjp/host_check/info"));
 }
 
 TEST(BoardSimEndToEnd, SleepsOfChildProcessesAreVirtualAndReported) {
