@@ -228,6 +228,12 @@ int main(int argc, char* argv[]) {
                          std::strerror(errno));
     }
 
+    // The MP script stand-in, unless the board is to lack it.
+    const auto mp_start = state.extra.find("mp_start");
+    if ((mp_start == state.extra.end() || mp_start->second != "missing") &&
+        is_executable(here + "/orca-sim-mp"))
+        board_sim::install_mp_script(root, here + "/orca-sim-mp");
+
     set_simulation_environment(root, here + "/libboard-sim.so", time_scale);
     pid_t publisher = -1;
     const std::string publisher_path = here + "/orca-sim-vtx-publisher";
