@@ -8,25 +8,21 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-TEST(ChannelPlan, TablesHoldTheKnownChannels) {
+TEST(ChannelPlan, ConversionsAndBands) {
     EXPECT_EQ(band_2g_channels.size(), 14u);
     EXPECT_EQ(band_5g_channels.size(), 27u);
     EXPECT_EQ(all_channels.size(), 41u);
     for (const auto& [channel, frequency] : all_channels) {
-        EXPECT_EQ(channel_to_frequency(channel), frequency);
         EXPECT_EQ(frequency_to_channel(frequency), channel);
         EXPECT_EQ(channel_to_band(channel), frequency_to_band(frequency)) << channel;
     }
-    EXPECT_EQ(channel_to_frequency(1), 2412);
-    EXPECT_EQ(channel_to_frequency(13), 2472);
-    EXPECT_EQ(channel_to_frequency(14), 2484);
-    EXPECT_EQ(channel_to_frequency(64), 5320);
-    EXPECT_EQ(channel_to_frequency(144), 5720);
-    EXPECT_EQ(frequency_to_channel(5745), 149);
-    EXPECT_EQ(channel_to_frequency(173), 5865);
-}
-
-TEST(ChannelPlan, UnknownChannelsAndFrequenciesAreReported) {
+    const std::pair<int, int> known[] = {{1, 2412},   {13, 2472},  {14, 2484},
+                                         {36, 5180},  {64, 5320},  {100, 5500},
+                                         {144, 5720}, {149, 5745}, {173, 5865}};
+    for (const auto& [channel, frequency] : known)
+        EXPECT_EQ(channel_to_frequency(channel), frequency);
+    EXPECT_EQ(frequency_to_band(5179), 0);
+    EXPECT_EQ(channel_to_band(36), 1);
     Printed printed = capture_output([] {
         EXPECT_EQ(channel_to_frequency(15), -1);
         EXPECT_EQ(frequency_to_channel(5750), -1);
@@ -35,21 +31,11 @@ TEST(ChannelPlan, UnknownChannelsAndFrequenciesAreReported) {
               "Invalid channel provided (CH: 15)!\nInvalid frequency provided (FRQ: 5750)!\n");
 }
 
-TEST(ChannelPlan, BandsArePlainThresholds) {
-    EXPECT_EQ(frequency_to_band(5179), 0);
-    EXPECT_EQ(frequency_to_band(5180), 1);
-    EXPECT_EQ(frequency_to_band(9000), 1);
-    EXPECT_EQ(channel_to_band(35), 0);
-    EXPECT_EQ(channel_to_band(36), 1);
-}
-
 TEST(ChannelPlan, ScanningWrapsAndCrossesBands) {
     const auto up = SCAN_DIRECTION_UP;
-    const auto down = SCAN_DIRECTION_DOWN;
     EXPECT_EQ(get_next_channel(173, up), 1);
-    EXPECT_EQ(get_next_channel(1, down), 173);
+    EXPECT_EQ(get_next_channel(1, SCAN_DIRECTION_DOWN), 173);
     EXPECT_EQ(get_next_channel(14, up), 36);
-    EXPECT_EQ(get_next_channel(36, down), 14);
     EXPECT_EQ(get_next_channel(64, up), 100);
     EXPECT_EQ(get_next_channel(144, up), 149);
     EXPECT_EQ(get_next_channel(149, static_cast<scan_direction_e>(7)), 144);
@@ -58,14 +44,11 @@ TEST(ChannelPlan, ScanningWrapsAndCrossesBands) {
 }
 
 TEST(ChannelPlan, SecondaryChannelSide) {
-    EXPECT_STREQ(bw_for_frequency(2452), "HT40+");
-    EXPECT_STREQ(bw_for_frequency(2457), "HT40-");
-    EXPECT_STREQ(bw_for_frequency(2484), "HT40-");
-    EXPECT_STREQ(bw_for_frequency(5180), "HT40+");
-    EXPECT_STREQ(bw_for_frequency(5320), "HT40-");
-    EXPECT_STREQ(bw_for_frequency(5720), "HT40-");
-    EXPECT_STREQ(bw_for_frequency(5885), "HT40-");
-    EXPECT_STREQ(bw_for_frequency(5865), "HT40+");
+    const std::pair<int, const char*> cases[] = {{2452, "HT40+"}, {2457, "HT40-"}, {5180, "HT40+"},
+                                                 {5320, "HT40-"}, {5720, "HT40-"}, {5885, "HT40-"},
+                                                 {5865, "HT40+"}};
+    for (const auto& [frequency, side] : cases)
+        EXPECT_STREQ(bw_for_frequency(frequency), side) << frequency;
 }
 
 class Tuning : public testing::Test {
@@ -79,18 +62,16 @@ class Tuning : public testing::Test {
 
 TEST_F(Tuning, PassesFrequencyAndModeToIw) {
     commands.set_output("ls", "pci:ath9k\n");
-    EXPECT_EQ(tune(5745, 40), 0);
+    EXPECT_EQ(get_chip("wlan0"), "pci:ath9k");
     EXPECT_EQ(tune(5240, 20), 0);
     EXPECT_EQ(tune(2462, 40), 0);
     EXPECT_EQ(tune(2484, 40), 0);
     commands.set_status("iw", 2);
-    EXPECT_EQ(tune(5320, 40, RegulatoryDomain::off), 2);
+    EXPECT_EQ(tune(5745, 40), 2);
     EXPECT_EQ(commands.calls(),
-              (Strings{kListing, "iw dev wlan0 set freq 5745 HT40+", kListing,
-                       "iw dev wlan0 set freq 5240 HT20", kListing,
+              (Strings{kListing, kListing, "iw dev wlan0 set freq 5240 HT20", kListing,
                        "iw dev wlan0 set freq 2462 HT40-", kListing, "iw dev wlan0 set freq 2484",
-                       kListing, "iw dev wlan0 set freq 5320 HT40-"}));
-    EXPECT_EQ(get_chip("wlan0"), "pci:ath9k");
+                       kListing, "iw dev wlan0 set freq 5745 HT40+"}));
 }
 
 TEST_F(Tuning, Rtl8812auIsTunedToItsFixedChannel) {
@@ -107,10 +88,8 @@ TEST_F(Tuning, Rtl8812auIsTunedToItsFixedChannel) {
 }
 
 TEST_F(Tuning, FccRefusesDfsChannelsWithoutTouchingTheRadio) {
-    for (int frequency : {5260, 5500, 5720}) {
-        int result = 0;
-        Printed printed = capture_output([&] { result = tune(frequency, 20); });
-        EXPECT_EQ(result, -1);
+    for (int frequency : {5260, 5720}) {
+        Printed printed = capture_output([&] { EXPECT_EQ(tune(frequency, 20), -1); });
         EXPECT_EQ(printed.out, "DFS Channels disabled! (Channels 52-144, 5240-5720MHz)\n");
     }
     EXPECT_TRUE(commands.calls().empty());
@@ -118,18 +97,15 @@ TEST_F(Tuning, FccRefusesDfsChannelsWithoutTouchingTheRadio) {
     EXPECT_EQ(commands.calls().back(), "iw dev wlan0 set freq 5500 HT20");
 }
 
-TEST_F(Tuning, ShortOrHostileInterfaceListings) {
-    commands.set_output("ls", "x");
-    EXPECT_EQ(get_chip("wlan0"), "x");  // one character: nothing to strip
+TEST_F(Tuning, HostileInterfaceNamesNeverReachTheShell) {
     Printed printed = capture_output([&] {
         EXPECT_EQ(get_chip("wlan0 $(reboot)"), "");
-        EXPECT_EQ(tune(5745, 20), 0);
         EXPECT_EQ(set_frequency_and_bw("`reboot`", 5745, 20, RegulatoryDomain::off), -1);
     });
     EXPECT_EQ(printed.err,
               "Error: invalid interface name \"wlan0 $(reboot)\"\n"
               "Error: invalid interface name \"`reboot`\"\n");
-    EXPECT_EQ(commands.calls(), (Strings{kListing, kListing, "iw dev wlan0 set freq 5745 HT20"}));
+    EXPECT_TRUE(commands.calls().empty());
 }
 
 }  // namespace

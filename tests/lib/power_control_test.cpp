@@ -9,6 +9,13 @@
 namespace {
 
 using Strings = std::vector<std::string>;
+constexpr auto kOff = RegulatoryDomain::off;
+constexpr auto kFcc = RegulatoryDomain::fcc;
+
+int pick(const PowerCalibrationMap& map, int mcs, int wanted, int frequency,
+         RegulatoryDomain domain = kOff, bool adc = true) {
+    return findClosestPowerIndex(map, mcs, &wanted, frequency, domain, adc);
+}
 
 TEST(FindClosestPowerIndex, WithoutTableOrDetectorUsesTheFixedMaximaOfTheBand) {
     struct Case {
@@ -16,41 +23,26 @@ TEST(FindClosestPowerIndex, WithoutTableOrDetectorUsesTheFixedMaximaOfTheBand) {
         RegulatoryDomain domain;
         int index;
     };
-    const Case cases[] = {
-        {5, 2412, RegulatoryDomain::fcc, 45}, {2, 2484, RegulatoryDomain::off, 39},
-        {0, 2485, RegulatoryDomain::fcc, 30}, {5, 5200, RegulatoryDomain::fcc, 30},
-        {5, 5340, RegulatoryDomain::fcc, 30}, {5, 5500, RegulatoryDomain::fcc, 58},
-        {5, 5200, RegulatoryDomain::off, 58},
-    };
-    for (const Case& c : cases) {
-        int wanted = 25;
+    for (const Case& c : {Case{5, 2412, kFcc, 45}, Case{2, 2484, kOff, 39}, Case{0, 2485, kFcc, 30},
+                          Case{5, 5200, kFcc, 30}, Case{5, 5340, kFcc, 30}, Case{5, 5500, kFcc, 58},
+                          Case{5, 5200, kOff, 58}}) {
         int index = 0;
-        Printed printed = capture_output([&] {
-            index = findClosestPowerIndex({}, c.mcs, &wanted, c.frequency, c.domain, false);
-        });
+        Printed printed =
+            capture_output([&] { index = pick({}, c.mcs, 25, c.frequency, c.domain, false); });
         EXPECT_EQ(index, c.index) << c.frequency << " MHz, MCS " << c.mcs;
         EXPECT_EQ(printed.err,
-                  "Calibration file missing and ADC unavailable. Defaulting to max "
-                  "power idx for " +
+                  "Calibration file missing and ADC unavailable. Defaulting to max power idx for " +
                       std::to_string(c.frequency) + "MHz --> " + std::to_string(c.index) + "\n");
-        EXPECT_EQ(wanted, 25);
     }
 }
 
 TEST(FindClosestPowerIndex, FallsBackToNeighbouringMcsLowerFirst) {
     const PowerCalibrationMap map{{1, {{100, 11}}}, {4, {{100, 44}}}};
-    int wanted = 100;
-    EXPECT_EQ(findClosestPowerIndex(map, 3, &wanted, 5800, RegulatoryDomain::off, true), 11);
-    EXPECT_EQ(findClosestPowerIndex(map, 0, &wanted, 5800, RegulatoryDomain::off, true), 11);
-    EXPECT_EQ(
-        findClosestPowerIndex({{4, {{100, 44}}}}, 2, &wanted, 5800, RegulatoryDomain::off, true),
-        44);
-
+    EXPECT_EQ(pick(map, 3, 100, 5800), 11);
+    EXPECT_EQ(pick({{4, {{100, 44}}}}, 2, 100, 5800), 44);
     Printed printed = capture_output([&] {
-        EXPECT_EQ(findClosestPowerIndex({}, 3, &wanted, 5800, RegulatoryDomain::off, true), 1);
-        EXPECT_EQ(
-            findClosestPowerIndex({{9, {{100, 9}}}}, 8, &wanted, 5800, RegulatoryDomain::off, true),
-            1);
+        EXPECT_EQ(pick({}, 3, 100, 5800), 1);
+        EXPECT_EQ(pick({{9, {{100, 9}}}}, 8, 100, 5800), 1);
     });
     EXPECT_EQ(printed.err,
               "Power calibration data for MCS3 not found and no neighboring MCS available.\n"
@@ -59,43 +51,23 @@ TEST(FindClosestPowerIndex, FallsBackToNeighbouringMcsLowerFirst) {
 
 TEST(FindClosestPowerIndex, PicksTheNearestEntryAndTheLowerOnATie) {
     const PowerCalibrationMap map{{0, {{50, 5}, {100, 10}, {200, 20}}}};
-    struct Case {
-        int wanted, index;
-    };
-    for (const Case& c : {Case{150, 10}, Case{151, 20}, Case{100, 10}, Case{10, 5}, Case{5000, 20},
-                          Case{76, 10}, Case{75, 5}}) {
-        int wanted = c.wanted;
-        EXPECT_EQ(findClosestPowerIndex(map, 0, &wanted, 5800, RegulatoryDomain::fcc, true),
-                  c.index)
-            << c.wanted << " mW";
-    }
-    // A table that starts or ends below zero milliwatts gives the lowest index at its ends.
-    int wanted = 10;
-    EXPECT_EQ(
-        findClosestPowerIndex({{0, {{-3, 7}}}}, 0, &wanted, 5800, RegulatoryDomain::off, true), 1);
+    const std::pair<int, int> cases[] = {{150, 10}, {151, 20},  {100, 10},
+                                         {10, 5},   {5000, 20}, {75, 5}};
+    for (const auto& [wanted, index] : cases)
+        EXPECT_EQ(pick(map, 0, wanted, 5800, kFcc), index) << wanted << " mW";
+    EXPECT_EQ(pick({{0, {{-3, 7}}}}, 0, 10, 5800), 1);  // a negative end entry gives index 1
 }
 
 TEST(FindClosestPowerIndex, FccLowBandForcesTheWantedPowerTo200mW) {
     const PowerCalibrationMap map{{0, {{50, 5}, {200, 20}}}};
-    for (int frequency : {5180, 5320}) {
-        int wanted = 50;
-        int index = 0;
-        Printed printed = capture_output([&] {
-            index = findClosestPowerIndex(map, 0, &wanted, frequency, RegulatoryDomain::fcc, true);
-        });
-        EXPECT_EQ(index, 20);
-        EXPECT_EQ(wanted, 200);
-        EXPECT_EQ(printed.out, "Limiting power for frequency " + std::to_string(frequency) +
-                                   " to max of 200mw (23dBm).\n");
-    }
     int wanted = 50;
-    EXPECT_EQ(findClosestPowerIndex(map, 0, &wanted, 5745, RegulatoryDomain::fcc, true), 5);
-    EXPECT_EQ(findClosestPowerIndex(map, 0, &wanted, 5200, RegulatoryDomain::off, true), 5);
-    EXPECT_EQ(wanted, 50);
-}
-
-double dbm(double mw) {
-    return 10.0 * std::log10(mw);
+    Printed printed = capture_output(
+        [&] { EXPECT_EQ(findClosestPowerIndex(map, 0, &wanted, 5180, kFcc, true), 20); });
+    EXPECT_EQ(wanted, 200);
+    EXPECT_EQ(printed.out, "Limiting power for frequency 5180 to max of 200mw (23dBm).\n");
+    EXPECT_EQ(pick(map, 0, 50, 5320, kFcc), 20);
+    EXPECT_EQ(pick(map, 0, 50, 5745, kFcc), 5);
+    EXPECT_EQ(pick(map, 0, 50, 5200, kOff), 5);
 }
 
 class PowerFeedback : public testing::Test {
@@ -105,14 +77,16 @@ class PowerFeedback : public testing::Test {
         power_over_limit_cnt = 0;
         config.card = "wlan0";
         config.profiles = {vtx_profile_t{}};
-        profile().power = 100;
+        profile().power = 100;  // band 95 to 105 mW
         profile().power_idx = 20;
-        profile().alt_power_idx = 5;
         control.active = true;
         control.averaging_depth = 3;
     }
     vtx_profile_t& profile() { return config.profiles[0]; }
-    void measure(double mw) { power_feedback_loop(&config, &control, dbm(mw), false); }
+    // Measured values are given in mW; half a milliwatt keeps them clear of truncation.
+    void measure(double mw) {
+        power_feedback_loop(&config, &control, 10.0 * std::log10(mw + 0.5), false);
+    }
     static std::string set_to(int index) {
         return "iw dev wlan0 set txpower fixed " + std::to_string(index);
     }
@@ -128,10 +102,9 @@ TEST_F(PowerFeedback, StepsUpAndDownUntilInBandThenSettles) {
     EXPECT_TRUE(power_samples.empty());
     measure(31);
     measure(79);
-    measure(107.2);  // above the band: back down
+    measure(107);  // above the band: back down
     EXPECT_EQ(control.direction, 2);
-    EXPECT_EQ(control.index_offset, 1);
-    measure(97.8);
+    measure(97);
     EXPECT_EQ(commands.calls(), (Strings{set_to(21), set_to(22), set_to(21)}));
     EXPECT_FALSE(control.active);
     EXPECT_EQ(control.step_count, 0);
@@ -140,69 +113,60 @@ TEST_F(PowerFeedback, StepsUpAndDownUntilInBandThenSettles) {
     EXPECT_TRUE(power_samples.empty());
 }
 
-TEST_F(PowerFeedback, InBandAboveTheWantedPowerTrimsOneStepDown) {
+TEST_F(PowerFeedback, SettlingRules) {
+    // In band above the wanted power: one final step down.
     control.step_count = 1;
     control.tolerance = 0.25;
-    measure(110.5);
+    measure(110);
     EXPECT_FALSE(control.active);
     EXPECT_EQ(control.tolerance, 0.05);
-    EXPECT_EQ(control.index_offset, -1);
     EXPECT_EQ(control.low_limit_mw, 75);
     EXPECT_EQ(commands.calls(), Strings{set_to(19)});
-}
 
-TEST_F(PowerFeedback, BelowAfterStepsDownSettlesOnTheMeasuredLevel) {
-    control.step_count = 3;
-    control.direction = 2;
-    measure(60.5);
-    EXPECT_FALSE(control.active);
-    EXPECT_EQ(control.low_limit_mw, 60);  // a profile of at most 999 mW keeps what it reached
-    EXPECT_EQ(control.index_offset, 0);
-    EXPECT_TRUE(commands.calls().empty());
-}
-
-TEST_F(PowerFeedback, StopsAtTheEndsOfTheIndexRange) {
-    control.step_count = 1;
-    profile().power_idx = 63 - 1;
-    control.index_offset = 1;
-    measure(10.2);  // 64 does not exist: settle where it is
-    EXPECT_FALSE(control.active);
-    EXPECT_EQ(control.index_offset, 1);
-
+    // Below after stepping down: settle on the level reached (profiles up to 999 mW).
     control = PowerControl{};
     control.active = true;
-    control.step_count = 1;
+    control.step_count = 3;
+    control.direction = 2;
+    measure(60);
+    EXPECT_FALSE(control.active);
+    EXPECT_EQ(control.low_limit_mw, 60);
+
+    // At index 63 there is no step up; at index 1 the step down is kept although not applied.
+    control = PowerControl{true, true, 1, 1, 0, 0, 0.05, 0};
+    profile().power_idx = 62;
+    measure(10);
+    EXPECT_EQ(control.index_offset, 1);
+    EXPECT_FALSE(control.active);
+    control = PowerControl{true, true, 1, 0, 0, 0, 0.05, 0};
     profile().power = 2000;
     profile().power_idx = 1;
-    measure(5000.5);  // index 0 does not exist either; the offset stays stepped down
+    measure(5000);
     EXPECT_FALSE(control.active);
     EXPECT_EQ(control.index_offset, -1);
-    EXPECT_EQ(control.low_limit_mw, 1900);  // above 999 mW the tolerance band's edge
-    EXPECT_TRUE(commands.calls().empty());
+    EXPECT_EQ(control.low_limit_mw, 1900);  // above 999 mW: the band's lower edge
+    EXPECT_EQ(commands.calls().size(), 1u);
 }
 
 TEST_F(PowerFeedback, LeavesTheIndexAloneWhenNothingIsToBeDone) {
     control.step_count = 1;
     control.low_limit_mw = 120;
-    measure(100);  // outside the band but exactly the wanted power
+    power_feedback_loop(&config, &control, 20.0, false);  // exactly the wanted 100 mW, out of band
     EXPECT_TRUE(control.active);
     EXPECT_EQ(control.step_count, 1);
-
     config.alt_power_enabled = true;
-    measure(20.5);
+    measure(20);
     EXPECT_TRUE(control.active);
-
     config.alt_power_enabled = false;
     profile().power_idx = 63;  // not regulated
-    measure(20.5);
+    measure(20);
     EXPECT_FALSE(control.active);
     EXPECT_TRUE(commands.calls().empty());
-}
 
-TEST_F(PowerFeedback, ReportsAPowerSettingThatFails) {
     commands.set_status("iw", 1);
-    control.step_count = 1;
-    Printed printed = capture_output([&] { measure(50.5); });
+    profile().power_idx = 20;
+    control.active = true;
+    Printed printed = capture_output([&] { measure(50); });
     EXPECT_EQ(printed.out, "Failed to set requested power setting.\n");
 }
 
@@ -210,15 +174,14 @@ TEST_F(PowerFeedback, SteadyStateStepsDownOnTheSixthAverageOverTheLimit) {
     control.active = false;
     control.low_limit_mw = 95;
     for (int i = 0; i < 7; ++i)
-        measure(200.5);
+        measure(200);
     EXPECT_EQ(power_over_limit_cnt, 5);
     EXPECT_TRUE(commands.calls().empty());
-    measure(200.5);
+    measure(200);
     EXPECT_EQ(commands.calls(), Strings{set_to(19)});
     EXPECT_TRUE(power_samples.empty());
-    // The excess persists: the next full window steps down at once.
-    for (int i = 0; i < 3; ++i)
-        measure(200.5);
+    for (int i = 0; i < 3; ++i)  // the excess persists: the next full window steps at once
+        measure(200);
     EXPECT_EQ(commands.calls(), (Strings{set_to(19), set_to(18)}));
 }
 
@@ -227,13 +190,12 @@ TEST_F(PowerFeedback, SteadyStateStepsUpOnALowAverageAndResetsOnAGoodOne) {
     control.low_limit_mw = 95;
     power_over_limit_cnt = 3;
     for (int mw : {50, 60, 70})
-        measure(mw + 0.5);
+        measure(mw);
     EXPECT_EQ(power_over_limit_cnt, 0);
-    EXPECT_EQ(control.index_offset, 1);
     EXPECT_TRUE(power_samples.empty());
     power_over_limit_cnt = 3;
     for (int mw : {90, 100, 110})
-        measure(mw + 0.5);
+        measure(mw);
     EXPECT_EQ(power_over_limit_cnt, 0);
     EXPECT_TRUE(power_samples.empty());
     EXPECT_EQ(commands.calls(), Strings{set_to(21)});
@@ -243,7 +205,6 @@ TEST(SetPower, WritesTheAlternateIndexOnlyWithoutPrimaryOverride) {
     CommandStandIns commands;
     EXPECT_EQ(set_power("wlan1", 30, 7, false, true), 0);
     EXPECT_EQ(set_power("wlan1", 30, 7, true, true), 0);
-    EXPECT_EQ(set_power("wlan1", 30, 7, false, false), 0);
     commands.set_status("iw", 3);
     EXPECT_EQ(set_power("wlan1", 30, 7, false, false), 3);
     Printed printed =
@@ -251,7 +212,7 @@ TEST(SetPower, WritesTheAlternateIndexOnlyWithoutPrimaryOverride) {
     EXPECT_EQ(printed.err, "Error: invalid interface name \"wlan1; reboot\"\n");
     EXPECT_EQ(commands.calls(),
               (Strings{"iw dev wlan1 set txpower fixed 7", "iw dev wlan1 set txpower fixed 30",
-                       "iw dev wlan1 set txpower fixed 30", "iw dev wlan1 set txpower fixed 30"}));
+                       "iw dev wlan1 set txpower fixed 30"}));
 }
 
 }  // namespace
