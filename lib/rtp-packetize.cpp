@@ -61,39 +61,38 @@ int create_rtp_packet_fragment(const uint8_t* nal_data, size_t payload_length, u
     size_t skip = 0;
     if (first_fragment)
         skip = h264 ? 5 : (codec == VENC_H265 ? 6 : 0);
-    const size_t headers = kRtpHeaderSize + (h264 ? 2 : 3);
-    const size_t packet_size = headers + payload_length;
-
-    // One allocation of exactly the packet size. An output that nobody else holds keeps its
-    // vector object and only gets the new buffer; a shared one (still queued for sending)
-    // is left alone and replaced.
-    if (out && out.use_count() == 1) {
-        std::vector<uint8_t> fresh(packet_size);
-        out->swap(fresh);
-    } else {
-        out = std::make_shared<std::vector<uint8_t>>(packet_size);
-    }
-    uint8_t* packet = out->data();
-
+    const size_t header_size = kRtpHeaderSize + (h264 ? 2 : 3);
     const bool end = static_cast<int64_t>(skip + payload_length) >= bytes_left;
+
     // Headers are built apart and copied in: the packet buffer holds bytes, not structs.
+    uint8_t headers[kRtpHeaderSize + 3];
     rtp_header_t rtp;
     set_rtp_header(&rtp, end, timestamp, sequence, RTP_PAYLOAD_TYPE_VIDEO);
-    std::memcpy(packet, &rtp, sizeof rtp);
+    std::memcpy(headers, &rtp, sizeof rtp);
     if (h264) {
         fu_header_t fu;
         set_fu_header(&fu, first_fragment, end, nal_type);
-        packet[kRtpHeaderSize] = nal_type == 5 ? kH264FuIndicatorIdr : kH264FuIndicatorOther;
-        packet[kRtpHeaderSize + 1] = fu.value;
+        headers[kRtpHeaderSize] = nal_type == 5 ? kH264FuIndicatorIdr : kH264FuIndicatorOther;
+        headers[kRtpHeaderSize + 1] = fu.value;
     } else {
         fu_header_h265_t fu;
         set_h265_fu_header(&fu, first_fragment, end, nal_type);
-        packet[kRtpHeaderSize] = kH265FuPayloadHeader[0];
-        packet[kRtpHeaderSize + 1] = kH265FuPayloadHeader[1];
-        packet[kRtpHeaderSize + 2] = fu.value;
+        headers[kRtpHeaderSize] = kH265FuPayloadHeader[0];
+        headers[kRtpHeaderSize + 1] = kH265FuPayloadHeader[1];
+        headers[kRtpHeaderSize + 2] = fu.value;
     }
-    if (payload_length > 0)
-        std::memcpy(packet + headers, nal_data + skip, payload_length);
+
+    // One allocation of exactly the packet size, written once: headers, then the payload.
+    std::vector<uint8_t> packet;
+    packet.reserve(header_size + payload_length);
+    packet.insert(packet.end(), headers, headers + header_size);
+    packet.insert(packet.end(), nal_data + skip, nal_data + skip + payload_length);
+    // An output that nobody else holds keeps its vector object and only takes the new
+    // buffer; a shared one (still queued for sending) is left alone and replaced.
+    if (out && out.use_count() == 1)
+        out->swap(packet);
+    else
+        out = std::make_shared<std::vector<uint8_t>>(std::move(packet));
     return static_cast<int>(skip + payload_length);
 }
 
