@@ -103,17 +103,6 @@ TEST(RtpFragments, FirstMiddleAndLastFragmentsOfBothCodecs) {
     EXPECT_EQ(sequence, 5);
 }
 
-TEST(RtpFragments, OnlyCodecValueOneSkipsTheH265Header) {
-    const Bytes nal = make_nal(64, {0x02, 0x01});
-    Packet out;
-    uint16_t sequence = 0;
-    EXPECT_EQ(create_rtp_packet_fragment(nal.data(), 8, 0, true, vtx_config_t{}, 64, &sequence, 1,
-                                         out, static_cast<venc_mode_t>(2)),
-              8);
-    EXPECT_EQ(slice(*out, 12, out->size()),
-              (Bytes{0x62, 0x01, 0x81, 0, 0, 0, 1, 0x02, 0x01, 42, 49}));
-}
-
 TEST(RtpFragments, AQueuedFragmentIsNeverOverwritten) {
     const Bytes nal = make_nal(100, {0x41});
     uint16_t sequence = 0;
