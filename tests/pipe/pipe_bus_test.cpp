@@ -14,7 +14,6 @@
 #include "orca-common.h"
 #include "run_process.h"
 
-
 namespace {
 
 // What a pipe's callbacks saw, in order: "connect", "disconnect" or "data:<bytes>".
