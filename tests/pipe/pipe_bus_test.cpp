@@ -11,9 +11,8 @@
 #include <vector>
 
 #include "fjord_pipe.h"
+#include "orca-common.h"
 #include "run_process.h"
-
-int set_perf_mode();  // liborca-vtx
 
 namespace {
 
