@@ -12,6 +12,7 @@
 //   mp_flood=N                     print N other lines before every answer
 //   mp_case=lower                  answer "ok" in lower case
 //   mp_quit=ignore                 stay after "quit" until terminated
+//   mp_interrupt=WORD              on command WORD, interrupt the tool (SIGINT, as Ctrl-C)
 #include <signal.h>
 #include <unistd.h>
 
@@ -137,6 +138,7 @@ int main(int argc, char* argv[]) {
     const int flood = std::atoi(option(state, "mp_flood").c_str());
     const bool lower_case = option(state, "mp_case") == "lower";
     const bool ignore_quit = option(state, "mp_quit") == "ignore";
+    const std::string interrupt = option(state, "mp_interrupt");
 
     char line[256];
     while (std::fgets(line, sizeof line, stdin) != nullptr) {
@@ -154,6 +156,10 @@ int main(int argc, char* argv[]) {
         }
         for (int i = 0; i < flood; ++i)
             say("rtw_mp_test.sh: tx statistics " + std::to_string(i));
+        if (word == interrupt) {
+            kill(getppid(), SIGINT);
+            pause();  // the tool's answer is SIGTERM
+        }
         if (word == stall)
             continue;
         if (word == refuse || !apply(state_path, word, value)) {
