@@ -148,16 +148,38 @@ TEST(Monitor, AdjustmentSearchesOnceFromPowerOne) {
         std::vector<int> tried;  // after the initial 1; the last is chosen and set again
         const char* shown;
     } cases[] = {
-        {{"-adjust-dbm", "17.13"}, curve(0.5), {30, 45, 37, 33, 35, 35}, "achieve 17.25 dBm"},
-        {{"-adjust-dbm", "17.12"}, curve(0.5), {30, 45, 37, 33, 35, 34, 34}, "achieve 17.00 dBm"},
-        {{"-adjust-mW", "100"}, curve(0.5), {30, 45, 37, 41, 39, 40, 40}, "achieve 20.00 dBm"},
+        {{"-adjust-dbm", "17.13"},
+         curve(0.5),
+         {30, 45, 37, 33, 35, 35},
+         "Searching for optimal power level (range: 1-60) to achieve 17.25 dBm at 5.8 GHz...\n"
+         "Starting binary search for power level...\nTarget dBm: 17.2\n"},
+        {{"-adjust-dbm", "17.12"},
+         curve(0.5),
+         {30, 45, 37, 33, 35, 34, 34},
+         "Testing power level 34 -> 17.0 dBm\nNew best power level found: 34 (17.0 dBm, 0.0 from "
+         "target)\nFound power level within tolerance!\nOptimal power level found: 34\n"},
+        {{"-adjust-mW", "100"},
+         curve(0.5),
+         {30, 45, 37, 41, 39, 40, 40},
+         "Testing power level 41 -> 20.5 dBm\nNew best power level found: 41 (20.5 dBm, 0.5 from "
+         "target)\ndBm too high, searching lower range (38 to 40)\n"},
         // The linear scan ends it; of all indices tried 16 and 17 are closest, 16 first.
-        {{"-adjust-dbm", "16.5"}, curve(1.0), {30, 15, 22, 18, 16, 17, 16}, "found: 16\n"},
-        {{"-adjust-dbm", "20"}, curve(0.5, 30), {30, 1}, "at high power level 30\n"},
+        {{"-adjust-dbm", "16.5"},
+         curve(1.0),
+         {30, 15, 22, 18, 16, 17, 16},
+         "Testing power level 17 -> 17.0 dBm\nBinary search complete. Best power level found: 16\n"
+         "Optimal power level found: 16\n"},
+        {{"-adjust-dbm", "20"},
+         curve(0.5, 30),
+         {30, 1},
+         "Testing power level 30 -> 0.0 dBm\nDetected 0 dBm reading at high power level 30\n"
+         "This indicates potential signal issues - using minimum power for safety\n"
+         "Binary search complete. Best power level found: 1 (selecting minimum power due to zero "
+         "readings at high power)\nOptimal power level found: 1\n"},
         {{"-adjust-dbm", "10"},
          curve(0.5, 20),
          {30, 15, 22, 18, 20, 21, 21},
-         "level 20 -> 0.0 dBm\ndBm too low, searching higher range (21 to 21)\n"},
+         "Testing power level 20 -> 0.0 dBm\ndBm too low, searching higher range (21 to 21)\n"},
     };
     for (const auto& c : cases) {
         const auto run = run_monitor({"--set", c.curve}, c.args, search_done);
@@ -167,46 +189,10 @@ TEST(Monitor, AdjustmentSearchesOnceFromPowerOne) {
         for (const std::string& line : run.out)
             out += line + "\n";
         EXPECT_EQ(run.commands, lines_of(commands)) << c.args[1];
+        EXPECT_EQ(out.rfind("Setting initial power to 1...\n2.4 GHz (CH0): ", 0), 0u);
         EXPECT_NE(out.find(c.shown), std::string::npos) << out;
         EXPECT_EQ(count(out, "Searching for optimal power level"), 1u);
-        EXPECT_NE(out.find("Optimal power level found: " + std::to_string(c.tried.back())),
-                  std::string::npos);
     }
-}
-
-TEST(Monitor, SearchReportsEachStep) {
-    const auto run = run_monitor({"--set", curve(0.5)}, {"-adjust-dbm", "20"}, search_done);
-    std::vector<std::string> search;  // without the apply-and-measure lines
-    for (const std::string& line : run.out)
-        if (line.rfind("Taking", 0) && line.rfind("Reading", 0) && line.rfind("Using", 0))
-            search.push_back(line);
-    const std::vector<std::string> want = lines_of(
-        "Setting initial power to 1...\n" +
-        reading("-99.00 dBm (44.82 mV)", "5.8", "0.50 dBm (124.80 mV)") +
-        "\nSearching for optimal power level (range: 1-60) to achieve 20.00 dBm at 5.8 GHz...\n"
-        "Starting binary search for power level...\nTarget dBm: 20.0\n"
-        "Testing power level 30 -> 15.0 dBm\nNew best power level found: 30 (15.0 dBm, 5.0 "
-        "from target)\n"
-        "dBm too low, searching higher range (31 to 60)\n"
-        "Testing power level 45 -> 22.5 dBm\nNew best power level found: 45 (22.5 dBm, 2.5 "
-        "from target)\n"
-        "dBm too high, searching lower range (31 to 44)\n"
-        "Testing power level 37 -> 18.5 dBm\nNew best power level found: 37 (18.5 dBm, 1.5 "
-        "from target)\n"
-        "dBm too low, searching higher range (38 to 44)\n"
-        "Testing power level 41 -> 20.5 dBm\nNew best power level found: 41 (20.5 dBm, 0.5 "
-        "from target)\n"
-        "dBm too high, searching lower range (38 to 40)\n"
-        "Testing power level 39 -> 19.5 dBm\ndBm too low, searching higher range (40 to 40)\n"
-        "Testing power level 40 -> 20.0 dBm\nNew best power level found: 40 (20.0 dBm, 0.0 "
-        "from target)\n"
-        "Found power level within tolerance!\nOptimal power level found: 40\n");
-    ASSERT_GT(search.size(), want.size());
-    EXPECT_EQ(std::vector<std::string>(search.begin(), search.begin() + want.size()), want);
-    // From then on only lines, at the chosen power.
-    for (size_t i = want.size(); i < search.size(); ++i)
-        EXPECT_EQ(search[i].find("2.4 GHz (CH0): -99.00 dBm (44.82 mV)   5.8 GHz (CH1): 20.00 dBm"),
-                  0u);
 }
 
 }  // namespace
