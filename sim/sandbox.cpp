@@ -51,7 +51,7 @@ int prepare_sandbox(const std::string& root, const BoardState& state) {
     initial.output_dbm = output_dbm(state);
     if (save_state(state_file_path(root), initial) != 0)
         return -1;
-    return write_conversion_tables(root + "/data/quillon/vtx");
+    return write_conversion_tables(root + "/data/quillon/vtx", initial);
 }
 
 std::string command_log_path(const std::string& root) {

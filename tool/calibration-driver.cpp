@@ -77,9 +77,8 @@ void calibrate_with_service(int fd, int frequency_mhz, int mcs, bool fast) {
     sleep(kAfterRunSeconds);
 }
 
-void finish(int fd) {
+void finish() {
     pipe_client_close_all();
-    close(fd);
     puts("All calibrations completed!");
     fflush(stdout);
 }
@@ -108,10 +107,8 @@ int run_calibration(int fd, RunMode mode) {
         }
     }
 
-    if (g_mp_mode && mp_start(request.frequencies[0], request.mcs[0]) != 0) {
-        close(fd);
+    if (g_mp_mode && mp_start(request.frequencies[0], request.mcs[0]) != 0)
         return 1;
-    }
 
     for (int f = 0; f < request.num_frequencies; ++f) {
         for (int m = 0; m < request.num_mcs; ++m) {
@@ -144,6 +141,6 @@ int run_calibration(int fd, RunMode mode) {
         if (system("orca-send-command vtx_latency stop_test 1") != 0)
             fprintf(stderr, "Warning: Failed to stop vtx_latency test\n");
     }
-    finish(fd);
+    finish();
     return 0;
 }

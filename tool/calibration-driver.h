@@ -6,5 +6,5 @@
 
 // Runs the whole pass after start-up and returns the exit status: 0 once the pass was
 // reached, whatever its combinations did; 1 when the MP session does not start. Closes
-// the bus descriptor `fd` and the status pipe before it returns.
+// the status pipe; the bus descriptor `fd` stays the caller's to close.
 int run_calibration(int fd, RunMode mode);
