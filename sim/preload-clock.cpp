@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -92,8 +93,9 @@ bool shifted_clock(clockid_t clock) {
     }
 }
 
-// The state letter of a process from /proc/<pid>/stat and its parent; false when gone.
-bool process_state(const char* pid_text, char* state, pid_t* parent) {
+// The state letter of a process from /proc/<pid>/stat, its parent and its process group;
+// false when gone.
+bool process_state(const char* pid_text, char* state, pid_t* parent, pid_t* group) {
     char path[300];
     std::snprintf(path, sizeof path, "/proc/%s/stat", pid_text);
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
@@ -105,34 +107,46 @@ bool process_state(const char* pid_text, char* state, pid_t* parent) {
     if (length <= 0)
         return false;
     text[length] = '\0';
-    // "pid (comm) state ppid ...": the command name may hold anything but its last ')'.
+    // "pid (comm) state ppid pgrp ...": the command name may hold anything but its last ')'.
     const char* end_of_name = std::strrchr(text, ')');
     int parent_id = 0;
-    if (end_of_name == nullptr || std::sscanf(end_of_name + 1, " %c %d", state, &parent_id) != 2)
+    int group_id = 0;
+    if (end_of_name == nullptr ||
+        std::sscanf(end_of_name + 1, " %c %d %d", state, &parent_id, &group_id) != 3)
         return false;
     *parent = parent_id;
+    *group = group_id;
     return true;
 }
 
-// True when a child of this process (`only`, or any when it is not positive) is running or
-// waiting for the disk (state R or D), as opposed to asleep waiting for input that only we
-// could give it. Such a child needs real time, which the virtual clock does not count.
+// True when a process that may be about to answer us is running or waiting for the disk
+// (state R or D), as opposed to asleep: `only` when it is positive, else any child of ours
+// or any other process of our process group. The group matters because a child may sleep
+// on a lock or a pipe held by a sibling of ours (the board's publisher, say) that is
+// itself waiting for the CPU. Such work needs real time, which the virtual clock does not
+// count.
 bool child_is_busy(pid_t only) {
     char state = 0;
     pid_t parent = 0;
+    pid_t group = 0;
     if (only > 0) {
         const std::string pid_text = std::to_string(only);
-        return process_state(pid_text.c_str(), &state, &parent) && parent == getpid() &&
+        return process_state(pid_text.c_str(), &state, &parent, &group) && parent == getpid() &&
                (state == 'R' || state == 'D');
     }
     DIR* proc = opendir("/proc");
     if (proc == nullptr)
         return false;
+    const pid_t self = getpid();
+    const pid_t own_group = getpgrp();
     bool busy = false;
     for (const dirent* entry = readdir(proc); entry != nullptr && !busy; entry = readdir(proc)) {
-        if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9' &&
-            process_state(entry->d_name, &state, &parent))
-            busy = parent == getpid() && (state == 'R' || state == 'D');
+        if (entry->d_name[0] < '0' || entry->d_name[0] > '9' ||
+            !process_state(entry->d_name, &state, &parent, &group))
+            continue;
+        const bool related =
+            parent == self || (group == own_group && std::atoi(entry->d_name) != self);
+        busy = related && (state == 'R' || state == 'D');
     }
     closedir(proc);
     return busy;
