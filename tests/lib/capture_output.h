@@ -7,8 +7,7 @@
 #include <gtest/gtest.h>
 
 struct Printed {
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 template <typename Body>
@@ -17,8 +16,6 @@ Printed capture_output(Body&& body) {
     testing::internal::CaptureStderr();
     body();
     std::fflush(nullptr);
-    Printed printed;
-    printed.out = testing::internal::GetCapturedStdout();
-    printed.err = testing::internal::GetCapturedStderr();
-    return printed;
+    std::string out = testing::internal::GetCapturedStdout();
+    return {out, testing::internal::GetCapturedStderr()};
 }

@@ -1,6 +1,6 @@
 // Stand-ins for the shell commands the library runs (iw, systemctl, ifconfig, ls, bash),
-// put first on PATH for the life of the object. Each records its command line, prints
-// what the test gave it and exits with the status the test chose.
+// first on PATH for the life of the object. Each records its command line, prints what
+// the test gave it and exits with the status the test chose.
 #pragma once
 
 #include <string>
@@ -12,12 +12,13 @@ class CommandStandIns {
   public:
     CommandStandIns();
     ~CommandStandIns();
-    // What the stand-in `name` prints, and its exit status, from now on.
-    void set_output(const std::string& name, const std::string& text);
-    void set_error_output(const std::string& name, const std::string& text);
-    void set_status(const std::string& name, int status);
-    // Every recorded command line, "name arg1 arg2 ...", in the order they ran.
+    // What `name` prints on standard output and error from now on, and its exit status.
+    void answer(const std::string& name, const std::string& out, int status = 0,
+                const std::string& err = "");
+    // Every command line run so far, "name arg1 arg2 ...".
     std::vector<std::string> calls() const;
+    // After `commands` more shell starts, the shell can no longer be started at all.
+    void refuse_shell_after(int commands);
 
   private:
     orca_test::TempDir dir_;
