@@ -8,43 +8,19 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <string>
 
 #include "board-sim.h"
+#include "capture_output.h"
 
 namespace sensor_test {
 
-// What a call printed on each stream.
-struct Printed {
-    std::string out;
-    std::string err;
-};
-
-template <typename Call>
-Printed capture(Call call) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    call();
-    Printed printed;
-    printed.out = testing::internal::GetCapturedStdout();
-    printed.err = testing::internal::GetCapturedStderr();
-    return printed;
-}
+using orca_test::capture_output;
 
 inline bool is_open(int fd) {
     return fcntl(fd, F_GETFD) != -1 || errno != EBADF;
 }
 
-inline board_sim::Fault fault(board_sim::BusOp op, int address, int nth,
-                              bool short_transfer = false) {
-    board_sim::Fault f;
-    f.op = op;
-    f.address = address;
-    f.nth = nth;
-    f.short_transfer = short_transfer;
-    return f;
-}
-
+// A data buffer whose eight pairs all hold the same two entries.
 inline std::array<uint16_t, 16> buffer_of(uint16_t ch0_entry, uint16_t ch1_entry) {
     std::array<uint16_t, 16> entries{};
     for (size_t i = 0; i < entries.size(); i += 2) {
