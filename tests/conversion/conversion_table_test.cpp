@@ -1,4 +1,5 @@
 // The cached mV-to-dBm lookup: file format, nearest-row rules, row limit and the cache.
+#include "capture_output.h"
 #include "i2c-monitor.h"
 #include "run_process.h"
 
@@ -46,19 +47,14 @@ class CachedTableTest : public ::testing::Test {
 };
 
 TEST_F(CachedTableTest, ReadsMiddleHalfMeanOrNearestRow) {
-    const std::string two = "100,0\n200,10\n";
-    expect_all({// middle half
-                {two, 0, 150, 5},
-                {two, 0, 130, 5},
-                {two, 0, 170, 5},
-                // nearer end, and the midpoint as near as the end: the end stands
-                {two, 0, 120, 0},
-                {two, 0, 180, 10},
-                {two, 0, 125, 0},
-                // no extrapolation
-                {two, 0, 50, 0},
-                {two, 0, 500, 10},
-                // the mean is rounded to 0.5 dB, halves away from zero
+    // The middle half of a bracket reads as the mean; elsewhere the nearer end, where a point
+    // as near the midpoint as an end keeps the end; outside the table, the nearest row.
+    load("100,0\n200,10\n");
+    const std::pair<double, double> points[] = {{150, 5},  {130, 5}, {170, 5}, {120, 0},
+                                                {180, 10}, {125, 0}, {50, 0},  {500, 10}};
+    for (auto [mv, dbm] : points)
+        EXPECT_EQ(lookup(mv), dbm) << mv;
+    expect_all({// the mean is rounded to 0.5 dB, halves away from zero
                 {"100,0.3\n200,0.4\n", 0, 150, 0.5},
                 {"100,0.25\n200,0.25\n", 0, 150, 0.5},
                 {"100,-0.25\n200,-0.25\n", 0, 150, -0.5},
@@ -99,44 +95,42 @@ TEST_F(CachedTableTest, KeepsTheFirstThousandRows) {
     EXPECT_EQ(lookup(500, 3), 0.0);
 }
 
-TEST_F(CachedTableTest, LoadedBandIsNotReadAgain) {
-    std::string path = load("100,0\n200,10\n");
+TEST_F(CachedTableTest, FailedLoadsReportAndAreRetriedButALoadedBandIsNotReadAgain) {
+    CsvBandCache* cache = get_csv_cache_for_freq("5.1");
+    std::string path = dir_.path() + "/5_1_mv_to_dbm.csv";
+    const auto printed = orca_test::capture_output([&] {
+        EXPECT_EQ(load_csv_cache(cache, path.c_str()), -1);
+        dir_.write_file("5_1_mv_to_dbm.csv", "");
+        EXPECT_EQ(load_csv_cache(cache, path.c_str()), -1);
+    });
+    EXPECT_EQ(printed.err,
+              "Error opening csv dbm conversion file: No such file or directory\n"
+              "Error reading CSV header\\n");
+    EXPECT_FALSE(cache->loaded);
+    dir_.write_file("5_1_mv_to_dbm.csv", kHeader + "100,1\n");
+    EXPECT_EQ(load_csv_cache(cache, path.c_str()), 0);
+    EXPECT_EQ(cache->row_count, 1);
+
+    path = load("100,0\n200,10\n");
     dir_.write_file("2_4_mv_to_dbm.csv", kHeader + "100,30\n");
     EXPECT_EQ(load_csv_cache(get_csv_cache_for_freq("2.4"), path.c_str()), 0);
     EXPECT_EQ(lookup(100), 0);
     unlink(path.c_str());
     EXPECT_EQ(lookup(200), 10);
-
     init_csv_cache_manager();
     EXPECT_FALSE(get_csv_cache_for_freq("2.4")->loaded);
-}
-
-TEST_F(CachedTableTest, FailedLoadsReportAndCanBeRetried) {
-    CsvBandCache* cache = get_csv_cache_for_freq("5.1");
-    std::string path = dir_.path() + "/5_1_mv_to_dbm.csv";
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(load_csv_cache(cache, path.c_str()), -1);
-    dir_.write_file("5_1_mv_to_dbm.csv", "");
-    EXPECT_EQ(load_csv_cache(cache, path.c_str()), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error opening csv dbm conversion file: No such file or directory\n"
-              "Error reading CSV header\\n");
-    EXPECT_FALSE(cache->loaded);
-
-    dir_.write_file("5_1_mv_to_dbm.csv", kHeader + "100,1\n");
-    EXPECT_EQ(load_csv_cache(cache, path.c_str()), 0);
-    EXPECT_EQ(cache->row_count, 1);
 }
 
 TEST_F(CachedTableTest, RejectsBadMcsAndBandsWithoutTouchingTheOutputs) {
     load("100,1\n");
     double mv_out = 42, dbm_out = 43;
-    testing::internal::CaptureStderr();
-    for (int mcs : {8, -1})
-        EXPECT_EQ(read_csv_data_cached(&mv_out, &dbm_out, mcs, "2.4", 100), -1);
-    for (const char* band : {"2.40", "5_8", "5.8 ", "", static_cast<const char*>(nullptr)})
-        EXPECT_EQ(read_csv_data_cached(&mv_out, &dbm_out, 0, band, 100), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    const auto printed = orca_test::capture_output([&] {
+        for (int mcs : {8, -1})
+            EXPECT_EQ(read_csv_data_cached(&mv_out, &dbm_out, mcs, "2.4", 100), -1);
+        for (const char* band : {"2.40", "5_8", "5.8 ", "", static_cast<const char*>(nullptr)})
+            EXPECT_EQ(read_csv_data_cached(&mv_out, &dbm_out, 0, band, 100), -1);
+    });
+    EXPECT_EQ(printed.err,
               "Invalid MCS value: 8. Must be 0-7\\nInvalid MCS value: -1. Must be 0-7\\n"
               "Invalid frequency: 2.40\\nInvalid frequency: 5_8\\nInvalid frequency: 5.8 \\n"
               "Invalid frequency: \\nInvalid frequency: (null)\\n");
