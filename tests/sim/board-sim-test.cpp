@@ -1,6 +1,5 @@
-// The simulator itself, in-process: what the ADS7142 model does with traffic the tool never
-// sends, the path sandbox and the virtual clock. Fault injection and the bus nodes are
-// exercised by every detector test.
+// The simulator itself, in-process: the path sandbox and the virtual clock. The target
+// models, fault injection and the bus nodes are exercised by every detector test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
@@ -26,41 +25,8 @@ class BoardSimTest : public testing::Test {
     }
     void TearDown() override { close(fd_); }
 
-    // Sends each frame, then reads `length` bytes back.
-    std::vector<uint8_t> exchange(const std::vector<std::vector<uint8_t>>& frames, size_t length) {
-        for (const auto& frame : frames)
-            EXPECT_EQ(write(fd_, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
-        std::vector<uint8_t> data(length);
-        EXPECT_EQ(read(fd_, data.data(), length), static_cast<ssize_t>(length));
-        return data;
-    }
     int fd_ = -1;
 };
-
-TEST_F(BoardSimTest, Ads7142AnswersAsThePartDoes) {
-    // Before any sequence the buffer holds what the device powered up with.
-    EXPECT_EQ(exchange({{0x3B}}, 32), std::vector<uint8_t>(32, 0));
-    // DEVICE_RESET acts only behind the WKEY unlock.
-    EXPECT_EQ(exchange({{0x08, 0x1C, 0x06}, {0x08, 0x14, 0x01}, {0x10, 0x1C}}, 1),
-              std::vector<uint8_t>{0x06});
-    EXPECT_EQ(exchange({{0x08, 0x17, 0x0A}, {0x08, 0x14, 0x01}, {0x10, 0x1C}}, 1),
-              std::vector<uint8_t>{0x00});
-
-    // With both channels sequenced, entries alternate and carry the channel id when the
-    // output format asks for it.
-    board_sim::update_board_state([](board_sim::BoardState* state) {
-        state->frequency_mhz = 5180;
-        state->power_index = 30;
-    });
-    const std::vector<uint8_t> buffer =
-        exchange({{0x08, 0x28, 0x02}, {0x08, 0x20, 0x03}, {0x08, 0x1E, 0x01}, {0x3B}}, 32);
-    const int ch0 = buffer[0] << 8 | buffer[1];
-    const int ch1 = buffer[2] << 8 | buffer[3];
-    EXPECT_EQ(ch0 & 0xF, 0x8);
-    EXPECT_EQ(ch1 & 0xF, 0x9);
-    EXPECT_NEAR((ch0 >> 4) * 1800.0 / 4096, 45.0, 0.5) << "no carrier on the 2.4 GHz detector";
-    EXPECT_GT((ch1 >> 4) * 1800.0 / 4096, 500.0) << "a 5 GHz carrier at index 30";
-}
 
 TEST_F(BoardSimTest, FixedPathsLiveInTheSandbox) {
     const std::string root = board_sim::sandbox_root();
