@@ -3,14 +3,14 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "board_test.h"
 #include "i2c-monitor.h"
 #include "run_process.h"
-#include "sensor-test-support.h"
 
 namespace {
 
 using board_sim::BusOp;
-using sensor_test::capture_output;
+using orca_test::capture_output;
 
 // Power index i reads as i × step dBm.
 std::vector<double> curve(double step) {
@@ -20,7 +20,7 @@ std::vector<double> curve(double step) {
     return dbm;
 }
 
-class PowerAdjustTest : public sensor_test::BoardTest {
+class PowerAdjustTest : public orca_test::BoardTest {
   protected:
     void SetUp() override {
         BoardTest::SetUp();
@@ -46,7 +46,7 @@ class PowerAdjustTest : public sensor_test::BoardTest {
         for (int index : indices) {
             const long code = std::lround((100.0 + 25.0 * std::abs(index)) * 4096 / 1800) << 4;
             for (int i = 0; i < (index < 0 ? 1 : 60); ++i)
-                board_sim::queue_adc_buffer(sensor_test::buffer_of(0, static_cast<uint16_t>(code)));
+                board_sim::queue_adc_buffer(orca_test::buffer_of(0, static_cast<uint16_t>(code)));
         }
     }
     SensorReading reading_{};

@@ -5,18 +5,18 @@
 
 #include <functional>
 
+#include "board_test.h"
 #include "i2c-monitor.h"
-#include "sensor-test-support.h"
 
 namespace {
 
 using board_sim::BusOp;
 using board_sim::Transfer;
 using board_sim::TransferKind;
-using sensor_test::buffer_of;
-using sensor_test::capture_output;
+using orca_test::buffer_of;
+using orca_test::capture_output;
 
-class Ads7142Test : public sensor_test::BoardTest {
+class Ads7142Test : public orca_test::BoardTest {
   protected:
     void SetUp() override {
         BoardTest::SetUp();

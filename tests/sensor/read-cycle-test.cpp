@@ -2,17 +2,17 @@
 // prints and what it leaves behind, the band choice for channel 1, and its waits.
 #include <cstdio>
 
+#include "board_test.h"
 #include "i2c-monitor.h"
-#include "sensor-test-support.h"
 
 namespace {
 
 using board_sim::BusOp;
 using board_sim::Transfer;
 using board_sim::TransferKind;
-using sensor_test::buffer_of;
-using sensor_test::capture_output;
-using sensor_test::is_open;
+using orca_test::buffer_of;
+using orca_test::capture_output;
+using orca_test::is_open;
 
 // One conversion table per band, each giving a single power whatever the voltage, so that
 // a dBm figure says which table converted it.
@@ -27,7 +27,7 @@ void write_table(const char* tag, double dbm) {
     std::fclose(file);
 }
 
-class ReadCycleTest : public sensor_test::BoardTest {
+class ReadCycleTest : public orca_test::BoardTest {
   protected:
     void SetUp() override {
         BoardTest::SetUp();

@@ -1,7 +1,5 @@
 // The simulator itself, in-process: the path sandbox and the virtual clock. The target
 // models, fault injection and the bus nodes are exercised by every detector test.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -10,23 +8,11 @@
 #include <cstdio>
 #include <ctime>
 
-#include "board-sim.h"
+#include "board_test.h"
 
 namespace {
 
-class BoardSimTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        ASSERT_TRUE(board_sim::active()) << "run under libboard-sim.so (orca_add_sim_test)";
-        board_sim::reset_board();
-        fd_ = open("/dev/i2c-1", O_RDWR);
-        ASSERT_GE(fd_, 0);
-        ASSERT_EQ(ioctl(fd_, I2C_SLAVE, 0x1d), 0);
-    }
-    void TearDown() override { close(fd_); }
-
-    int fd_ = -1;
-};
+using BoardSimTest = orca_test::BoardTest;
 
 TEST_F(BoardSimTest, FixedPathsLiveInTheSandbox) {
     const std::string root = board_sim::sandbox_root();
@@ -57,6 +43,7 @@ TEST_F(BoardSimTest, MainThreadWaitsRunOnTheVirtualClock) {
     // Bus traffic costs its wire time: 33 bytes of 9 bits plus start and stop at 400 kHz.
     uint8_t buffer[32];
     const uint8_t command = 0x3B;
+    ASSERT_EQ(ioctl(fd_, I2C_SLAVE, 0x1d), 0);
     ASSERT_EQ(write(fd_, &command, 1), 1);
     const uint64_t after_command = board_sim::bus_time_ns();
     ASSERT_EQ(read(fd_, buffer, 32), 32);

@@ -1,4 +1,5 @@
-// Helpers for the detector tests, which run in-process on the simulated board.
+// For tests that run in-process on the simulated board (orca_add_sim_test): a fresh board
+// with bus 1 open as the tool opens it, and the helpers of the detector tests.
 #pragma once
 
 #include <fcntl.h>
@@ -12,9 +13,7 @@
 #include "board-sim.h"
 #include "capture_output.h"
 
-namespace sensor_test {
-
-using orca_test::capture_output;
+namespace orca_test {
 
 inline bool is_open(int fd) {
     return fcntl(fd, F_GETFD) != -1 || errno != EBADF;
@@ -46,4 +45,4 @@ class BoardTest : public testing::Test {
     int fd_ = -1;
 };
 
-}  // namespace sensor_test
+}  // namespace orca_test
