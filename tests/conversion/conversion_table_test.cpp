@@ -60,8 +60,8 @@ TEST_F(ConversionTableTest, ReadsMiddleHalfMeanOrNearestRow) {
     // The middle half of a bracket reads as the mean; elsewhere the nearer end, where a point
     // as near the midpoint as an end keeps the end; outside the table, the nearest row.
     load("100,0\n200,10\n");
-    const std::pair<double, double> points[] = {{150, 5},  {130, 5}, {170, 5}, {120, 0},
-                                                {180, 10}, {125, 0}, {50, 0},  {500, 10}};
+    const std::pair<double, double> points[] = {{150, 5}, {130, 5},  {170, 5}, {120, 0}, {180, 10},
+                                                {125, 0}, {175, 10}, {50, 0},  {500, 10}};
     for (auto [mv, dbm] : points)
         EXPECT_EQ(lookup(mv), dbm) << mv;
     expect_all({// the mean is rounded to 0.5 dB, halves away from zero
