@@ -7,17 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "capture_output.h"
 #include "i2c-monitor.h"
 #include "orca-vtx-i2c-monitor.h"
 #include "option_globals.h"
 #include "run_process.h"
 
 namespace {
-
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 const OptionGlobals kStart;
 
@@ -34,9 +30,9 @@ class ParseArguments : public ::testing::Test {
         std::vector<char*> argv;
         for (auto& a : args)
             argv.push_back(a.data());
-        CaptureStdout(), CaptureStderr();
-        const RunMode mode = parse_arguments(static_cast<int>(argv.size()), argv.data());
-        out_ = GetCapturedStdout(), err_ = GetCapturedStderr();
+        RunMode mode = RUN_MODE_ERROR;
+        printed_ = orca_test::capture_output(
+            [&] { mode = parse_arguments(static_cast<int>(argv.size()), argv.data()); });
         return mode;
     }
     static std::vector<int> list(const int* values, int count) { return {values, values + count}; }
@@ -45,7 +41,7 @@ class ParseArguments : public ::testing::Test {
     }
     static std::vector<int> mcs() { return list(g_calib_params.mcs, g_calib_params.num_mcs); }
 
-    std::string out_, err_;
+    orca_test::Printed printed_;
 };
 
 TEST_F(ParseArguments, CalibrationRequestKeepsOrderAndDuplicates) {
@@ -80,41 +76,39 @@ TEST_F(ParseArguments, BusValueNamesTheDeviceAndThePresenceTest) {
     EXPECT_STREQ(I2C_DEVICE, "/dev/i2c-1x");
     // A bus text that would run commands of its own never reaches the shell.
     EXPECT_EQ(parse({"-d", "3;true", "-calibrate"}), RUN_MODE_ERROR);
-    EXPECT_EQ(err_, "Error: Cannot calibrate - VTX not found on I2C bus 3;true\n");
+    EXPECT_EQ(printed_.err, "Error: Cannot calibrate - VTX not found on I2C bus 3;true\n");
     unsetenv("FAKE_I2CDETECT_LOG");
     EXPECT_EQ(orca_test::read_file(log), "-r -y 12345678901\n-r -y 1x\n");
 }
 
-// The debug summary shows the tuning that monitor mode runs with; a calibration list given
-// to monitor mode goes nowhere.
-TEST_F(ParseArguments, DebugPrintsSummariseMonitorSettings) {
+// The debug lines, which no option switches on: the summary shows the tuning that monitor
+// mode runs with (a calibration list given to monitor mode goes nowhere), and the scan names
+// every missing bus.
+TEST_F(ParseArguments, DebugPrintsSummariseMonitorSettingsAndNameMissingBuses) {
     Debug_Prints = 1;
     EXPECT_EQ(parse({"-d", "5"}), RUN_MODE_MONITOR);
-    EXPECT_EQ(out_,
+    EXPECT_EQ(printed_.out,
               "I2C Device: /dev/i2c-5\nAverage Sampling: 300\nPause Between Prints: 0.00 "
               "seconds\nAdjust dBm: Disabled (Desired dBm: 25.00)\n");
     EXPECT_EQ(
         parse({"-d", "5", "-f", "5180", "-m", "1", "-s", "42", "-p", "0.25", "-adjust-mW", "100"}),
         RUN_MODE_MONITOR);
-    EXPECT_EQ(out_,
+    EXPECT_EQ(printed_.out,
               "I2C Device: /dev/i2c-5\nAverage Sampling: 42\nPause Between Prints: 0.25 "
               "seconds\nAdjust dBm: Enabled (Desired dBm: 20.00)\n");
     EXPECT_EQ(g_calib_params.num_frequencies + g_calib_params.num_mcs, 0);
     EXPECT_FALSE(g_calibrate_f_flag || g_calibrate_m_flag);
-}
 
-TEST_F(ParseArguments, DebugPrintsNameEveryMissingBusOfTheScan) {
-    std::string expected;
+    // The last, since a machine with real buses cannot show it.
+    std::string missing;
     for (int bus = 0; bus <= 16; ++bus) {
-        const std::string device = "/dev/i2c-" + std::to_string(bus);
-        if (access(device.c_str(), F_OK) == 0)
-            GTEST_SKIP() << "this machine has " << device;
-        expected += "I2C bus " + std::to_string(bus) + " device file does not exist, skipping...\n";
+        if (access(("/dev/i2c-" + std::to_string(bus)).c_str(), F_OK) == 0)
+            GTEST_SKIP() << "this machine has /dev/i2c-" << bus;
+        missing += "I2C bus " + std::to_string(bus) + " device file does not exist, skipping...\n";
     }
-    Debug_Prints = 1;
     EXPECT_EQ(parse({"-s", "7"}), RUN_MODE_ERROR);
-    EXPECT_EQ(out_.substr(0, expected.size() + 6), expected + "Usage:");
-    EXPECT_EQ(err_, "ERROR: No VTX found after scanning I2C buses 0-15 (16 ports total)\n");
+    EXPECT_EQ(printed_.out.substr(0, missing.size() + 6), missing + "Usage:");
+    EXPECT_EQ(printed_.err, "ERROR: No VTX found after scanning I2C buses 0-15 (16 ports total)\n");
 }
 
 }  // namespace

@@ -158,11 +158,16 @@ TEST(Monitor, AdjustmentSearchesOnceFromPowerOne) {
          {30, 45, 37, 33, 35, 34, 34},
          "Testing power level 34 -> 17.0 dBm\nNew best power level found: 34 (17.0 dBm, 0.0 from "
          "target)\nFound power level within tolerance!\nOptimal power level found: 34\n"},
+        // 100 mW is 20 dBm: the same search.
         {{"-adjust-mW", "100"},
          curve(0.5),
          {30, 45, 37, 41, 39, 40, 40},
          "Testing power level 41 -> 20.5 dBm\nNew best power level found: 41 (20.5 dBm, 0.5 from "
          "target)\ndBm too high, searching lower range (38 to 40)\n"},
+        {{"-adjust-dbm", "20"},
+         curve(0.5),
+         {30, 45, 37, 41, 39, 40, 40},
+         "to achieve 20.00 dBm at 5.8 GHz...\n"},
         // The linear scan ends it; of all indices tried 16 and 17 are closest, 16 first.
         {{"-adjust-dbm", "16.5"},
          curve(1.0),

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,13 +15,15 @@
 
 namespace {
 
-// What a pipe's callbacks saw, in order: "connect", "disconnect" or "data:<bytes>".
+// What a pipe's callbacks saw, in order: "connect", "disconnect", "data:<bytes>" or a
+// control command.
 class Events {
   public:
-    void add(std::string event) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(std::move(event));
-        changed_.notify_all();
+    static void add(void* events, std::string event) {
+        auto* self = static_cast<Events*>(events);
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        self->events_.push_back(std::move(event));
+        self->changed_.notify_all();
     }
     // Waits (at most five seconds) until `count` events have arrived; returns them all.
     std::vector<std::string> wait_for(size_t count) {
@@ -37,17 +38,8 @@ class Events {
     std::vector<std::string> events_;
 };
 
-void on_connect(int, void* events) {
-    static_cast<Events*>(events)->add("connect");
-}
-void on_disconnect(int, void* events) {
-    static_cast<Events*>(events)->add("disconnect");
-}
-void on_data(int, char* data, int bytes, void* events) {
-    static_cast<Events*>(events)->add("data:" + std::string(data, static_cast<size_t>(bytes)));
-}
 void on_command(int, char* command, int, void* events) {
-    static_cast<Events*>(events)->add(command);
+    Events::add(events, command);
 }
 
 constexpr int kChannel = 5;
@@ -55,9 +47,16 @@ constexpr int kChannel = 5;
 class PipeBus : public ::testing::Test {
   protected:
     void SetUp() override {
-        pipe_client_set_connect_cb(kChannel, on_connect, &events_);
-        pipe_client_set_disconnect_cb(kChannel, on_disconnect, &events_);
-        pipe_client_set_simple_helper_cb(kChannel, on_data, &events_);
+        pipe_client_set_connect_cb(
+            kChannel, [](int, void* events) { Events::add(events, "connect"); }, &events_);
+        pipe_client_set_disconnect_cb(
+            kChannel, [](int, void* events) { Events::add(events, "disconnect"); }, &events_);
+        pipe_client_set_simple_helper_cb(
+            kChannel,
+            [](int, char* data, int bytes, void* events) {
+                Events::add(events, "data:" + std::string(data, static_cast<size_t>(bytes)));
+            },
+            &events_);
     }
     void TearDown() override {
         pipe_client_close_all();
@@ -75,9 +74,8 @@ class PipeBus : public ::testing::Test {
 }  // namespace
 
 TEST_F(PipeBus, ClientOpenFailsOnlyForBadChannelLongPathOrDoubleOpen) {
-    EXPECT_EQ(pipe_client_open(-1, pipe_.c_str(), "t", 1, 64), PIPE_ERROR_INVALID_ARG);
-    EXPECT_EQ(pipe_client_open(PIPE_CLIENT_MAX_CHANNELS, pipe_.c_str(), "t", 1, 64),
-              PIPE_ERROR_INVALID_ARG);
+    for (int channel : {-1, PIPE_CLIENT_MAX_CHANNELS})
+        EXPECT_EQ(pipe_client_open(channel, pipe_.c_str(), "t", 1, 64), PIPE_ERROR_INVALID_ARG);
     const std::string longest = "/" + std::string(98, 'p');  // with "/control": 107 bytes
     EXPECT_EQ(pipe_client_open(kChannel, (longest + "q").c_str(), "t", 1, 64),
               PIPE_ERROR_PATH_TOO_LONG);
@@ -93,9 +91,7 @@ TEST_F(PipeBus, RecordsArriveWholeAcrossServerRestarts) {
     ASSERT_EQ(pipe_server_create(0, pipe_.c_str(), "status_t"), 0);
     EXPECT_EQ(events_.wait_for(1), std::vector<std::string>{"connect"});
     EXPECT_EQ(pipe_server_get_num_clients(0), 1);
-    const std::string info = orca_test::read_file(pipe_ + "/info");
-    EXPECT_NE(info.find("\"status_t\""), std::string::npos) << info;
-    EXPECT_NE(info.find(std::to_string(getpid())), std::string::npos) << info;
+    EXPECT_NE(orca_test::read_file(pipe_ + "/info").find("\"status_t\""), std::string::npos);
 
     // A second server on a live pipe is refused and does not disturb the first.
     EXPECT_EQ(pipe_server_create(1, pipe_.c_str(), "status_t"), PIPE_ERROR_SERVER_RUNNING);
@@ -125,14 +121,13 @@ TEST_F(PipeBus, ControlCommandsReachTheServer) {
     pipe_server_set_control_cb(0, on_command, &events_);
     EXPECT_EQ(pipe_send_control_cmd(pipe_.c_str(), "stop"), 0);
     EXPECT_EQ(pipe_send_control_cmd(pipe_.c_str(), ""), PIPE_ERROR_INVALID_ARG);
-    EXPECT_EQ(events_.wait_for(1), std::vector<std::string>{"stop"});
-}
 
-TEST_F(PipeBus, SetPerfModeAsksTheCpuMonitor) {
+    // set_perf_mode asks the CPU monitor's pipe under the bus directory.
     ASSERT_EQ(pipe_bus_set_dir(tmp_.path().c_str()), 0);
     EXPECT_LT(set_perf_mode(), 0);
-    ASSERT_EQ(pipe_server_create(0, "cpu_stats2", "cpu_stats_t"), 0);
-    pipe_server_set_control_cb(0, on_command, &events_);
+    ASSERT_EQ(pipe_server_create(1, "cpu_stats2", "cpu_stats_t"), 0);
+    pipe_server_set_control_cb(1, on_command, &events_);
     EXPECT_EQ(set_perf_mode(), 0);
-    EXPECT_EQ(events_.wait_for(1), std::vector<std::string>{"set_cpu_mode_perf_with_pitmode"});
+    EXPECT_EQ(events_.wait_for(2),
+              (std::vector<std::string>{"stop", "set_cpu_mode_perf_with_pitmode"}));
 }

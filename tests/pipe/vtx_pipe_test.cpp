@@ -1,13 +1,11 @@
 // The vtx_latency validator, the data callback and the radio-state copy, in-process.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "capture_output.h"
 #include "fjord_pipe.h"
 #include "i2c-monitor.h"
 #include "orca-vtx-helpers.h"
@@ -28,123 +26,69 @@ std::string wire_record(int frequency, int mcs, int power_index, uint32_t magic 
     return bytes;
 }
 
-// What `call` writes to standard error.
-std::string stderr_of(const std::function<void()>& call) {
-    FILE* capture = tmpfile();
-    const int saved = dup(2);
-    dup2(fileno(capture), 2);
-    call();
-    dup2(saved, 2);
-    close(saved);
-    std::string text(static_cast<size_t>(ftell(capture)), '\0');
-    rewind(capture);
-    text.resize(fread(&text[0], 1, text.size(), capture));
-    fclose(capture);
-    return text;
-}
-
-struct Validation {
-    VtxLatencyRecord* records = nullptr;
-    int count = -1;
-    std::string errors;
-};
-
-Validation validate(char* data, int length) {
-    Validation v;
-    v.errors = stderr_of([&] { v.records = orca_vtx_validate_pipe_data(data, length, &v.count); });
-    return v;
-}
-
 const std::string kPrefix = "ERROR validating VTX data received through pipe: ";
 
 }  // namespace
 
-TEST(VtxLatencyValidator, AcceptsWholeRecordsOnly) {
+TEST(VtxLatencyValidator, AcceptsWholeRecordsWithTheMagicNumberOnly) {
     std::string three =
         wire_record(5180, 1, 10) + wire_record(5200, 2, 20) + wire_record(5745, 3, 30);
-    Validation v = validate(three.data(), 243);
-    EXPECT_EQ(v.records, reinterpret_cast<VtxLatencyRecord*>(three.data()));
-    EXPECT_EQ(v.count, 3);
-    const int third_frequency = v.records[2].frequency_mhz;  // packed: no reference to it
-    EXPECT_EQ(third_frequency, 5745);
-    EXPECT_EQ(v.errors, "");
-
-    v = validate(three.data(), 0);
-    EXPECT_NE(v.records, nullptr);
-    EXPECT_EQ(v.count, 0);
-    EXPECT_EQ(v.errors, "");
-
-    for (int length : {80, 82}) {
-        v = validate(three.data(), length);
-        EXPECT_EQ(v.records, nullptr);
-        EXPECT_EQ(v.count, 0);
-        EXPECT_EQ(v.errors, kPrefix + "read partial packet\nread " + std::to_string(length) +
-                                " bytes, but it should be a multiple of 81\n");
-    }
-}
-
-TEST(VtxLatencyValidator, RejectsBadMagicNegativeLengthAndNull) {
-    std::string batch = wire_record(5180, 1, 10) + wire_record(5200, 2, 20, 0x12345678);
-    Validation v = validate(batch.data(), 162);
-    EXPECT_EQ(v.records, nullptr);
-    EXPECT_EQ(v.count, 0);
-    EXPECT_EQ(v.errors, "ERROR got magic number 305419896, expected 1330791233\n" + kPrefix +
-                            "1 of 2 packets failed\n");
-
+    std::string bad_second = wire_record(5180, 1, 10) + wire_record(5200, 2, 20, 0x12345678);
     // Every record is checked, and the magic prints as a signed number.
     std::string two_bad =
         wire_record(1, 1, 1, 0xFFFFFFFF) + wire_record(2, 2, 2) + wire_record(3, 3, 3, 0x41435246);
-    EXPECT_EQ(validate(two_bad.data(), 243).errors,
-              "ERROR got magic number -1, expected 1330791233\n"
-              "ERROR got magic number 1094931014, expected 1330791233\n" +
-                  kPrefix + "2 of 3 packets failed\n");
-
-    v = validate(batch.data(), -5);
-    EXPECT_EQ(v.records, nullptr);
-    EXPECT_EQ(v.errors, kPrefix + "number of bytes = -5\n");
-    v = validate(nullptr, 81);
-    EXPECT_EQ(v.records, nullptr);
-    EXPECT_EQ(v.count, 0);
-    EXPECT_EQ(v.errors, kPrefix + "got NULL data pointer\n");
+    const struct {
+        char* data;
+        int length;
+        int count;  // -1: rejected
+        std::string errors;
+    } cases[] = {
+        {three.data(), 243, 3, ""},
+        {three.data(), 0, 0, ""},
+        {three.data(), 80, -1,
+         kPrefix + "read partial packet\nread 80 bytes, but it should be a multiple of 81\n"},
+        {three.data(), 82, -1,
+         kPrefix + "read partial packet\nread 82 bytes, but it should be a multiple of 81\n"},
+        {bad_second.data(), 162, -1,
+         "ERROR got magic number 305419896, expected 1330791233\n" + kPrefix +
+             "1 of 2 packets failed\n"},
+        {two_bad.data(), 243, -1,
+         "ERROR got magic number -1, expected 1330791233\n"
+         "ERROR got magic number 1094931014, expected 1330791233\n" +
+             kPrefix + "2 of 3 packets failed\n"},
+        {three.data(), -5, -1, kPrefix + "number of bytes = -5\n"},
+        {nullptr, 81, -1, kPrefix + "got NULL data pointer\n"},
+    };
+    for (const auto& c : cases) {
+        VtxLatencyRecord* records = nullptr;
+        int count = -1;
+        const auto printed = orca_test::capture_output(
+            [&] { records = orca_vtx_validate_pipe_data(c.data, c.length, &count); });
+        EXPECT_EQ(printed.err, c.errors) << c.length;
+        EXPECT_EQ(count, c.count < 0 ? 0 : c.count) << c.length;
+        EXPECT_EQ(records, c.count < 0 ? nullptr : reinterpret_cast<VtxLatencyRecord*>(c.data));
+    }
+    const int third_frequency =
+        reinterpret_cast<VtxLatencyRecord*>(three.data())[2].frequency_mhz;  // packed
+    EXPECT_EQ(third_frequency, 5745);
 }
 
-class VtxDataCallback : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        g_frequency = 5800;
-        g_mcs = 0;
-        g_power_idx = 1;
-        g_vtx_data_updated = false;
-    }
-    void deliver(std::string bytes, int length) {
-        stderr_of([&] { _vtx_data_cb(0, bytes.data(), length, nullptr); });
-    }
-    void expect_state(bool updated, int frequency, int mcs, int power_index) {
-        EXPECT_EQ(g_vtx_data_updated, updated);
-        EXPECT_EQ(g_frequency, frequency);
-        EXPECT_EQ(g_mcs, mcs);
-        EXPECT_EQ(g_power_idx, power_index);
-    }
-};
+TEST(VtxDataCallback, TakesTheLastRecordOfAGoodBatchOnly) {
+    const auto deliver = [](std::string bytes, int length) {
+        orca_test::capture_output([&] { _vtx_data_cb(0, bytes.data(), length, nullptr); });
+    };
+    g_vtx_data_updated = false;
+    deliver(wire_record(5180, 1, 10) + wire_record(2412, 2, 20) + wire_record(5200, 4, 42), 243);
+    EXPECT_TRUE(g_vtx_data_updated);
 
-TEST_F(VtxDataCallback, TakesTheLastRecordOfAGoodBatch) {
-    deliver(wire_record(5180, 1, 10) + wire_record(2412, 2, 20) + wire_record(5745, 7, 33), 243);
-    expect_state(true, 5745, 7, 33);
-}
-
-TEST_F(VtxDataCallback, BadOrEmptyBatchesChangeNothing) {
-    deliver(wire_record(5180, 1, 10), 81);
+    // Bad or empty batches change nothing.
     g_vtx_data_updated = false;
     deliver(wire_record(2412, 2, 20) + wire_record(5745, 3, 30, 0), 162);
-    deliver(wire_record(2412, 2, 20), 80);
     deliver(wire_record(2412, 2, 20) + "x", 82);
     deliver("", 0);
     deliver(wire_record(2412, 2, 20), -1);
-    expect_state(false, 5180, 1, 10);
-}
+    EXPECT_FALSE(g_vtx_data_updated);
 
-TEST_F(VtxDataCallback, GetVtxConfigPublishesTheState) {
-    deliver(wire_record(5200, 4, 42), 81);
     int mcs = -1, frequency = -1, power_index = -1;
     get_vtx_config(&mcs, &frequency, &power_index);
     EXPECT_EQ(std::vector<int>({mcs, frequency, power_index}), std::vector<int>({4, 5200, 42}));

@@ -1,4 +1,5 @@
-// Helpers for the detector tests, which run in-process on the simulated board.
+// For tests that run in-process on the simulated board (orca_add_sim_test): a fresh board
+// with bus 1 open as the tool opens it, and the helpers of the detector tests.
 #pragma once
 
 #include <fcntl.h>
@@ -8,43 +9,17 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <string>
 
 #include "board-sim.h"
+#include "capture_output.h"
 
-namespace sensor_test {
-
-// What a call printed on each stream.
-struct Printed {
-    std::string out;
-    std::string err;
-};
-
-template <typename Call>
-Printed capture(Call call) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    call();
-    Printed printed;
-    printed.out = testing::internal::GetCapturedStdout();
-    printed.err = testing::internal::GetCapturedStderr();
-    return printed;
-}
+namespace orca_test {
 
 inline bool is_open(int fd) {
     return fcntl(fd, F_GETFD) != -1 || errno != EBADF;
 }
 
-inline board_sim::Fault fault(board_sim::BusOp op, int address, int nth,
-                              bool short_transfer = false) {
-    board_sim::Fault f;
-    f.op = op;
-    f.address = address;
-    f.nth = nth;
-    f.short_transfer = short_transfer;
-    return f;
-}
-
+// A data buffer whose eight pairs all hold the same two entries.
 inline std::array<uint16_t, 16> buffer_of(uint16_t ch0_entry, uint16_t ch1_entry) {
     std::array<uint16_t, 16> entries{};
     for (size_t i = 0; i < entries.size(); i += 2) {
@@ -70,4 +45,4 @@ class BoardTest : public testing::Test {
     int fd_ = -1;
 };
 
-}  // namespace sensor_test
+}  // namespace orca_test
