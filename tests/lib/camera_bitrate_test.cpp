@@ -8,6 +8,9 @@
 #include "capture_output.h"
 #include "orca-vtx-helpers.h"
 
+using orca_test::capture_output;
+using orca_test::Printed;
+
 namespace {
 
 TEST(CameraBitrateOnTheBus, ReadsTheConfiguredBitrateOrFallsBack) {

@@ -5,6 +5,9 @@
 #include "capture_output.h"
 #include "orca-common.h"
 
+using orca_test::capture_output;
+using orca_test::Printed;
+
 namespace {
 
 // Feeds one validator the two good middle records of four, then the whole four, whose first

@@ -5,6 +5,9 @@
 #include "orca-vtx-helpers.h"
 #include "run_process.h"
 
+using orca_test::capture_output;
+using orca_test::Printed;
+
 namespace {
 
 using Table = std::map<int, int>;

@@ -7,6 +7,9 @@
 #include "command_stand_ins.h"
 #include "orca-vtx-helpers.h"
 
+using orca_test::capture_output;
+using orca_test::Printed;
+
 namespace {
 
 constexpr auto kOff = RegulatoryDomain::off;

@@ -4,6 +4,9 @@
 #include "command_stand_ins.h"
 #include "orca-common.h"
 
+using orca_test::capture_output;
+using orca_test::Printed;
+
 namespace {
 
 using Strings = std::vector<std::string>;

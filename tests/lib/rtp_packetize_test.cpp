@@ -5,6 +5,9 @@
 #include "capture_output.h"
 #include "orca-vtx-helpers.h"
 
+using orca_test::capture_output;
+using orca_test::Printed;
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
