@@ -124,8 +124,11 @@ int merge_into_existing(FILE* out, int mcs, const CalibrationResult* result,
         (strstr(header, mv_name) != nullptr || strstr(header, mw_name) != nullptr)) {
         printf("MCS%d columns already exist in the file, they will be updated\n", mcs);
         fputs(header, out);
-        // A header cut off without its newline must not swallow the first row.
-        if (header_length == 0 || header[header_length - 1] != '\n')
+        // A header without its newline either ended the file, and must not swallow the rows
+        // appended after it, or was longer than the buffer, and the first row, its rest,
+        // completes the line again.
+        const bool ends_line = header_length > 0 && header[header_length - 1] == '\n';
+        if (!ends_line && existing->row_count == 0)
             fputc('\n', out);
     } else {
         char suffix[2 * kColumnNameSize + 2];

@@ -107,6 +107,12 @@ TEST(CalibrationFile, LinesLongerThanTheBufferCountAsSeveralRows) {
     EXPECT_EQ(file.row_count, 2);
     EXPECT_EQ(std::string(file.rows[1]), std::string(1502 - 1023, '7'));
     free_existing_calibration(&file);
+
+    // A header longer than the buffer is written back on one line: its rest is the first row.
+    const std::string names = "Power_Level,MCS0_mV,MCS0_mW," + std::string(1100, 'x');
+    const std::string merged = merge(names + "\n1,5,6\n", 0, measured_at(1, 512.345, 1.5));
+    const std::string expected = names + "\n1,512.35,1.50\n";
+    EXPECT_EQ(merged.substr(0, expected.size()), expected);
 }
 
 }  // namespace
