@@ -237,14 +237,17 @@ int perform_calibration_internal(int fd, int frequency_mhz, int mcs, const int* 
 
     const int saved = save_calibration_file(path, mcs, &result, &existing);
     free_existing_calibration(&existing);
-    // The radio goes back to its lowest level even when the file could not be written.
+    // A file that could not be written fails the run as it stands; the driver's own end
+    // (stop_test, or the MP session's pause and quit) takes the radio off the air.
+    if (saved != 0)
+        return -1;
     if (reset_power_to_minimum() != 0) {
         perror("Failed to set power level to 1 after calibration");
         puts("Warning: Could not set power to minimum level after calibration");
     } else {
         puts("Safety measure: Power level set to 1 (minimum) after calibration");
     }
-    return saved == 0 ? 0 : -1;
+    return 0;
 }
 
 int perform_calibration(int fd, int frequency_mhz, int mcs) {
