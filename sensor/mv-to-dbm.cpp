@@ -110,6 +110,23 @@ bool is_only_commas(const char* line) {
     return *line == '\0' || (line[0] == '\n' && line[1] == '\0');
 }
 
+// Opens a conversion file and reads past its header line (at most one 1023-character piece:
+// the rest of a longer header reads as the first row). Null after the failure's message.
+FILE* open_past_header(const char* path, const char* header_error) {
+    FILE* file = std::fopen(path, "r");
+    if (file == nullptr) {
+        std::perror("Error opening csv dbm conversion file");
+        return nullptr;
+    }
+    char header[kLineSize];
+    if (std::fgets(header, sizeof header, file) == nullptr) {
+        std::fputs(header_error, stderr);
+        std::fclose(file);
+        return nullptr;
+    }
+    return file;
+}
+
 int band_index(const char* band) {
     if (band == nullptr)
         return -1;
@@ -156,19 +173,12 @@ int load_csv_cache(CsvBandCache* cache, const char* path) {
     if (cache->loaded)
         return 0;
 
-    FILE* file = std::fopen(path, "r");
-    if (file == nullptr) {
-        std::perror("Error opening csv dbm conversion file");
+    // The backslash-n is printed as two characters, as the operators' logs expect.
+    FILE* file = open_past_header(path, "Error reading CSV header\\n");
+    if (file == nullptr)
         return -1;
-    }
-    char line[kLineSize];
-    if (std::fgets(line, sizeof line, file) == nullptr) {
-        // The backslash-n is printed as two characters, as the operators' logs expect.
-        std::fprintf(stderr, "Error reading CSV header\\n");
-        std::fclose(file);
-        return -1;
-    }
 
+    char line[kLineSize];
     cache->row_count = 0;
     while (cache->row_count < kMaxCachedRows && std::fgets(line, sizeof line, file) != nullptr) {
         if (is_only_commas(line))
@@ -221,22 +231,15 @@ int read_csv_data_cached(double* mv_out, double* dbm_out, int mcs, const char* b
 int read_csv_data_from_file(const char* path, double* mv_out, double* dbm_out, int mcs, double mv) {
     if (path == nullptr || mv_out == nullptr || dbm_out == nullptr)
         return -1;
-    FILE* file = std::fopen(path, "r");
-    if (file == nullptr) {
-        std::perror("Error opening csv dbm conversion file");
+    FILE* file = open_past_header(path, "Error reading CSV header\n");
+    if (file == nullptr)
         return -1;
-    }
-    char line[kLineSize];
-    if (std::fgets(line, sizeof line, file) == nullptr) {
-        std::fprintf(stderr, "Error reading CSV header\n");
-        std::fclose(file);
-        return -1;
-    }
 
     // A negative MCS reads the mV column itself. Kept wide so that a huge MCS cannot
     // overflow; such a column is simply never present.
     const long long column = mcs < 0 ? 0 : 1LL + mcs;
     NearestDbmScan scan(mv);
+    char line[kLineSize];
     while (std::fgets(line, sizeof line, file) != nullptr) {
         if (is_only_commas(line))
             continue;
