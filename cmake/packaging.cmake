@@ -52,8 +52,6 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ${PROJECT_NAME})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "Orca VTX developers <vtx-dev@orca.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-    "RF power monitor and calibration tool of the video-transmitter board")
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/packages)
 set(CPACK_STRIP_FILES ON)
 
@@ -72,22 +70,26 @@ file(WRITE ${ORCA_CPACK_SETTINGS}
      "set(ENV{DEB_HOST_MULTIARCH} ${ORCA_DEB_MULTIARCH})\n")
 set(CPACK_PROJECT_CONFIG_FILE ${ORCA_CPACK_SETTINGS})
 
+# Each description's first line is the package's summary.
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME orca-vtx-i2c-monitor)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
 # The tool finds the detector through i2cdetect, a program it runs, not a library it links.
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "i2c-tools")
-set(CPACK_COMPONENT_TOOL_DESCRIPTION
-    "Reads the board's RF detector, converts its voltages to dBm per band, steers the\nradio's power index to a wanted output and calibrates power index against output.")
+set(CPACK_DEBIAN_TOOL_DESCRIPTION "RF power monitor and calibration tool of the video-transmitter board
+Reads the board's RF detector, converts its voltages to dBm per band, steers
+the radio's power index to a wanted output and calibrates power index against
+measured output.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME liborca-vtx${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-    "Shared library of the orca-vtx transmitter service: calibration tables, power\nindex selection, channel plan, RTP packetization, FEC budget, pipe records.")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Shared library of the orca-vtx transmitter service
+Calibration tables, power index selection, channel plan, RTP packetization,
+FEC budget and pipe record validators.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME liborca-vtx-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
-set(CPACK_COMPONENT_DEV_DESCRIPTION
-    "Headers and CMake package config of liborca-vtx: find_package(OrcaVtx), target orca::vtx.")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "Development files of liborca-vtx
+Headers and CMake package config: find_package(OrcaVtx), target orca::vtx.")
 
 include(CPack)
