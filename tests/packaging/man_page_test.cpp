@@ -79,10 +79,4 @@ TEST(ManPage, ShowsEveryExampleOfTheHelpAndItsDefaults) {
     EXPECT_NE(page.find("(default: 0.0001)"), std::string::npos);
 }
 
-TEST(ManPage, NamesTheProgramForWhatis) {
-    const std::string page = orca_test::read_file(MAN_PAGE_FILE);
-    EXPECT_NE(page.find(".TH ORCA-VTX-I2C-MONITOR 1 "), std::string::npos);
-    EXPECT_NE(page.find(".SH NAME\norca-vtx-i2c-monitor \\- "), std::string::npos);
-}
-
 }  // namespace
