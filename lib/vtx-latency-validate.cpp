@@ -7,6 +7,10 @@
 
 VtxLatencyRecord* orca_vtx_validate_pipe_data(char* data, int bytes, int* count) {
     constexpr int kRecordSize = static_cast<int>(sizeof(VtxLatencyRecord));
+    // A caller that does not want the count still gets the validation.
+    int ignored_count = 0;
+    if (count == nullptr)
+        count = &ignored_count;
     *count = 0;
     if (bytes < 0) {
         fprintf(stderr, "ERROR validating VTX data received through pipe: number of bytes = %d\n",

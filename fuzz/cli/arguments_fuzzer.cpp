@@ -16,6 +16,7 @@
 
 #include "i2c-monitor.h"
 #include "orca-vtx-i2c-monitor.h"
+#include "option_globals.h"
 
 namespace {
 
@@ -24,19 +25,6 @@ int g_saved_stdout = -1;
 int g_saved_stderr = -1;
 std::string g_stand_in_dir;
 
-// The option globals as the process started, put back before every input.
-struct OptionGlobals {
-    int samples = Average_Sampling, debug = Debug_Prints;
-    double pause = PAUSE_BETWEEN_PRINTS, dbm = desired_dBm;
-    bool adjust = adjust_power, mp = g_mp_mode, temp = g_temp_test_flag;
-    CalibrationParams params = g_calib_params;
-    void restore() const {
-        I2C_DEVICE[0] = '\0', Average_Sampling = samples, Debug_Prints = debug;
-        PAUSE_BETWEEN_PRINTS = pause, desired_dBm = dbm, adjust_power = adjust;
-        g_mp_mode = mp, g_temp_test_flag = temp, g_calib_params = params;
-        g_calibrate_f_flag = g_calibrate_m_flag = false;
-    }
-};
 const OptionGlobals kStart;
 
 void remove_stand_in() {

@@ -1,0 +1,53 @@
+// Cuts arbitrary NAL units into fragments of arbitrary sizes the way the service's sender
+// does, and checks that the fragments walk the unit exactly to its end, carry every
+// payload byte once, and mark only the last fragment as the end.
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "orca-vtx-helpers.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 3)
+        return 0;
+    // Two bytes of set-up: the payload size per fragment, the codec and the NAL type.
+    const size_t mtu = 1 + (((data[0] << 8) | data[1]) % 2000);
+    const venc_mode_t codec = static_cast<venc_mode_t>(data[2] % 3);
+    const int nal_type = data[2] >> 2;
+    const uint8_t* nal = data + 3;
+    const size_t nal_size = size - 3;
+    const size_t first_skip = codec == VENC_H264 ? 5 : (codec == VENC_H265 ? 6 : 0);
+    if (nal_size <= first_skip)
+        return 0;
+    const size_t headers = codec == VENC_H264 ? 14 : 15;
+
+    std::shared_ptr<std::vector<uint8_t>> out;
+    std::vector<uint8_t> carried;
+    uint16_t sequence = static_cast<uint16_t>(nal_size * 31);
+    size_t offset = 0;
+    while (offset < nal_size) {
+        const bool first = offset == 0;
+        const size_t skip = first ? first_skip : 0;
+        const size_t length = std::min(mtu, nal_size - offset - skip);
+        const uint16_t expected_sequence = sequence;
+        const int used = create_rtp_packet_fragment(
+            nal + offset, length, 90000, first, vtx_config_t{}, static_cast<int>(nal_size - offset),
+            &sequence, nal_type, out, codec);
+        if (used != static_cast<int>(skip + length) || out->size() != headers + length)
+            __builtin_trap();
+        const std::vector<uint8_t>& packet = *out;
+        const bool last = offset + used >= nal_size;
+        const uint8_t fu = packet[headers - 1];
+        if (((packet[1] & 0x80) != 0) != last || ((fu & 0x40) != 0) != last ||
+            ((fu & 0x80) != 0) != first || ((packet[2] << 8) | packet[3]) != expected_sequence)
+            __builtin_trap();
+        carried.insert(carried.end(), packet.begin() + headers, packet.end());
+        offset += used;
+    }
+    if (offset != nal_size || carried.size() != nal_size - first_skip ||
+        !std::equal(carried.begin(), carried.end(), nal + first_skip))
+        __builtin_trap();
+    return 0;
+}

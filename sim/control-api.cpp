@@ -1,0 +1,126 @@
+// The control API of board-sim.h over the process's simulation. Without an active
+// simulation the calls do nothing and report so.
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <ctime>
+
+#include "board-sim.h"
+#include "simulation.h"
+
+namespace board_sim {
+
+std::string describe(const Transfer& transfer) {
+    static const char* const kKinds[] = {"select", "write", "read", "quick", "read-byte"};
+    char head[64];
+    std::snprintf(head, sizeof head, "bus %d 0x%02x %s%s", transfer.bus, transfer.address,
+                  kKinds[static_cast<int>(transfer.kind)], transfer.ok ? "" : " FAILED");
+    std::string text = head;
+    for (uint8_t byte : transfer.bytes) {
+        char hex[8];
+        std::snprintf(hex, sizeof hex, " %02x", byte);
+        text += hex;
+    }
+    return text;
+}
+
+bool active() {
+    return Simulation::get() != nullptr;
+}
+
+std::string sandbox_root() {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->root() : std::string();
+}
+
+std::string sandbox_path(const std::string& fixed_path) {
+    Simulation* simulation = Simulation::get();
+    char mapped[PATH_MAX];
+    if (simulation && simulation->map_path(fixed_path.c_str(), mapped, sizeof mapped))
+        return mapped;
+    return fixed_path;
+}
+
+BoardState board_state() {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->state() : BoardState{};
+}
+
+int set_board_state(const BoardState& state) {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->set_state(state) : -1;
+}
+
+int update_board_state(const std::function<void(BoardState*)>& change) {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->update_state(change) : -1;
+}
+
+void set_faults(const std::vector<Fault>& faults) {
+    if (Simulation* simulation = Simulation::get())
+        simulation->set_local_faults(faults);
+}
+
+void clear_faults() {
+    set_faults({});
+}
+
+void start_recording() {
+    if (Simulation* simulation = Simulation::get())
+        simulation->start_recording();
+}
+
+std::vector<Transfer> recorded_traffic() {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->recorded_traffic() : std::vector<Transfer>{};
+}
+
+void queue_adc_buffer(const std::array<uint16_t, 16>& entries) {
+    if (Simulation* simulation = Simulation::get())
+        simulation->queue_adc_buffer(entries);
+}
+
+void clear_adc_queue() {
+    if (Simulation* simulation = Simulation::get())
+        simulation->clear_adc_queue();
+}
+
+void set_temperature_word(int word) {
+    if (Simulation* simulation = Simulation::get())
+        simulation->set_temperature_word(word);
+}
+
+int adc_register(uint8_t reg) {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->adc_register(reg) : -1;
+}
+
+int adc_sequences() {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->adc_sequences() : -1;
+}
+
+uint64_t wait_time_ns() {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->wait_ns() : 0;
+}
+
+uint64_t bus_time_ns() {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->bus_ns() : 0;
+}
+
+uint64_t real_monotonic_ns() {
+    timespec now{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+void reset_board() {
+    if (Simulation* simulation = Simulation::get())
+        simulation->reset_board();
+}
+
+}  // namespace board_sim

@@ -1,0 +1,186 @@
+// The virtual clock of libboard-sim.so. The main thread's sleeps return at once (or after
+// a scaled real wait, ORCA_SIM_TIME_SCALE) and move the clocks ahead by what they skipped;
+// poll timeouts do the same once a short real wait has passed without an event. Threads
+// other than the main one, and processes started with ORCA_SIM_REAL_TIME=1, keep real time.
+#include <dlfcn.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "simulation.h"
+
+using board_sim::Simulation;
+
+#define EXPORT extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+// Longest real wait of a poll timeout with the instant clock: long enough for a child
+// process on the same machine to answer, short enough that a silent one costs little.
+constexpr int kInstantPollMs = 20;
+
+template <typename Function>
+Function next_definition(const char* name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+#define REAL(name) static const auto real_##name = next_definition<decltype(&::name)>(#name)
+
+uint64_t real_now_ns() {
+    timespec now{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+uint64_t to_ns(const timespec& ts) {
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+timespec from_ns(uint64_t ns) {
+    timespec ts{};
+    ts.tv_sec = static_cast<time_t>(ns / 1000000000u);
+    ts.tv_nsec = static_cast<long>(ns % 1000000000u);
+    return ts;
+}
+
+// The simulation when this thread's waits are virtual, else nullptr.
+Simulation* virtual_waits() {
+    Simulation* simulation = Simulation::get();
+    return (simulation && simulation->waits_are_virtual()) ? simulation : nullptr;
+}
+
+void simulated_wait(Simulation* simulation, uint64_t ns) {
+    uint64_t real_ns = 0;
+    if (simulation->time_scale() > 0.0) {
+        REAL(nanosleep);
+        const uint64_t start = real_now_ns();
+        timespec scaled =
+            from_ns(static_cast<uint64_t>(static_cast<double>(ns) * simulation->time_scale()));
+        while (real_nanosleep(&scaled, &scaled) != 0 && errno == EINTR) {
+        }
+        real_ns = real_now_ns() - start;
+    }
+    simulation->account_wait(ns, real_ns);
+}
+
+bool shifted_clock(clockid_t clock) {
+    switch (clock) {
+        case CLOCK_REALTIME:
+        case CLOCK_REALTIME_COARSE:
+        case CLOCK_MONOTONIC:
+        case CLOCK_MONOTONIC_RAW:
+        case CLOCK_MONOTONIC_COARSE:
+        case CLOCK_BOOTTIME:
+        case CLOCK_TAI:
+            return true;
+        default:
+            return false;  // CPU-time clocks measure real work
+    }
+}
+
+}  // namespace
+
+EXPORT int clock_gettime(clockid_t clock, struct timespec* now) noexcept {
+    REAL(clock_gettime);
+    const int result = real_clock_gettime(clock, now);
+    Simulation* simulation = Simulation::get();
+    if (result == 0 && simulation && shifted_clock(clock))
+        *now = from_ns(to_ns(*now) + simulation->clock_offset_ns());
+    return result;
+}
+
+EXPORT int gettimeofday(struct timeval* now, void* zone) noexcept {
+    REAL(gettimeofday);
+    Simulation* simulation = Simulation::get();
+    if (simulation == nullptr)
+        return real_gettimeofday(now, zone);
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    now->tv_sec = ts.tv_sec;
+    now->tv_usec = ts.tv_nsec / 1000;
+    return 0;
+}
+
+EXPORT time_t time(time_t* result) noexcept {
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    if (result != nullptr)
+        *result = ts.tv_sec;
+    return ts.tv_sec;
+}
+
+EXPORT int nanosleep(const struct timespec* request, struct timespec* remaining) {
+    REAL(nanosleep);
+    Simulation* simulation = virtual_waits();
+    if (simulation == nullptr)
+        return real_nanosleep(request, remaining);
+    if (request == nullptr || request->tv_sec < 0 || request->tv_nsec < 0 ||
+        request->tv_nsec >= 1000000000) {
+        errno = EINVAL;
+        return -1;
+    }
+    simulated_wait(simulation, to_ns(*request));
+    if (remaining != nullptr)
+        *remaining = timespec{};
+    return 0;
+}
+
+EXPORT int clock_nanosleep(clockid_t clock, int flags, const struct timespec* request,
+                           struct timespec* remaining) {
+    REAL(clock_nanosleep);
+    Simulation* simulation = virtual_waits();
+    if (simulation == nullptr || !shifted_clock(clock))
+        return real_clock_nanosleep(clock, flags, request, remaining);
+    if (request == nullptr || request->tv_sec < 0 || request->tv_nsec < 0 ||
+        request->tv_nsec >= 1000000000)
+        return EINVAL;
+    uint64_t ns = to_ns(*request);
+    if (flags & TIMER_ABSTIME) {
+        timespec now{};
+        clock_gettime(clock, &now);
+        ns = ns > to_ns(now) ? ns - to_ns(now) : 0;
+    }
+    simulated_wait(simulation, ns);
+    if (remaining != nullptr && !(flags & TIMER_ABSTIME))
+        *remaining = timespec{};
+    return 0;
+}
+
+EXPORT int usleep(useconds_t microseconds) {
+    REAL(usleep);
+    Simulation* simulation = virtual_waits();
+    if (simulation == nullptr)
+        return real_usleep(microseconds);
+    simulated_wait(simulation, static_cast<uint64_t>(microseconds) * 1000u);
+    return 0;
+}
+
+EXPORT unsigned int sleep(unsigned int seconds) {
+    REAL(sleep);
+    Simulation* simulation = virtual_waits();
+    if (simulation == nullptr)
+        return real_sleep(seconds);
+    simulated_wait(simulation, static_cast<uint64_t>(seconds) * 1000000000u);
+    return 0;
+}
+
+EXPORT int poll(struct pollfd* fds, nfds_t count, int timeout_ms) {
+    REAL(poll);
+    Simulation* simulation = virtual_waits();
+    if (simulation == nullptr || timeout_ms <= 0)
+        return real_poll(fds, count, timeout_ms);
+    const double scale = simulation->time_scale();
+    const int real_timeout = scale > 0.0 ? std::max(1, static_cast<int>(timeout_ms * scale))
+                                         : std::min(timeout_ms, kInstantPollMs);
+    const uint64_t start = real_now_ns();
+    const int result = real_poll(fds, count, real_timeout);
+    const uint64_t real_ns = real_now_ns() - start;
+    if (result == 0)
+        simulation->account_wait(static_cast<uint64_t>(timeout_ms) * 1000000u, real_ns);
+    return result;
+}

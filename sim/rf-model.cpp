@@ -1,0 +1,176 @@
+#include "rf-model.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "default_power_calibration.h"
+
+namespace board_sim {
+
+namespace {
+
+constexpr int kMaxPowerIndex = 60;
+constexpr const char* kBandTags[] = {"2_4", "5_1", "5_8"};
+
+struct CurvePoint {
+    double mv;
+    double dbm;
+};
+
+std::string_view default_table(const std::string& tag) {
+    if (tag == "2_4")
+        return default_cal::kCalibrated_2_4;
+    if (tag == "5_1")
+        return default_cal::kCalibrated_5_1;
+    return default_cal::kCalibrated_5_8;
+}
+
+// The tables list MCS 0, 1 and 3; the others borrow the nearest listed one below.
+int listed_mcs(int mcs) {
+    if (mcs >= 3)
+        return 3;
+    return mcs >= 1 ? 1 : 0;
+}
+
+// Output power of a power level at an MCS, from the mW column of the default table.
+double default_mw(const std::string& tag, int mcs, int power_index) {
+    const std::string column = "MCS" + std::to_string(listed_mcs(mcs)) + "_mW";
+    std::string_view text = default_table(tag);
+    size_t end = text.find('\n');
+    std::string header(text.substr(0, end));
+    int column_index = -1;
+    int field = 0;
+    for (size_t start = 0; start <= header.size(); ++field) {
+        size_t comma = header.find(',', start);
+        if (header.substr(start, comma - start) == column) {
+            column_index = field;
+            break;
+        }
+        if (comma == std::string::npos)
+            break;
+        start = comma + 1;
+    }
+    while (column_index >= 0 && end != std::string_view::npos) {
+        size_t start = end + 1;
+        end = text.find('\n', start);
+        std::string line(text.substr(start, end == std::string_view::npos ? end : end - start));
+        if (std::atoi(line.c_str()) != power_index)
+            continue;
+        size_t position = 0;
+        for (int i = 0; i < column_index && position != std::string::npos; ++i) {
+            position = line.find(',', position);
+            if (position != std::string::npos)
+                ++position;
+        }
+        return position == std::string::npos ? -1.0 : std::atof(line.c_str() + position);
+    }
+    return -1.0;
+}
+
+int clamp_power(int power_index) {
+    return std::clamp(power_index, 1, kMaxPowerIndex);
+}
+
+// (mV, dBm) over the power levels of one band and MCS, ordered by voltage.
+std::vector<CurvePoint> detector_curve(const std::string& tag, int mcs) {
+    std::vector<CurvePoint> curve;
+    for (int level = 1; level <= kMaxPowerIndex; ++level) {
+        const double mv = default_cal_get_mv(tag.c_str(), listed_mcs(mcs), level);
+        const double mw = default_mw(tag, mcs, level);
+        if (mv > 0.0 && mw > 0.0)
+            curve.push_back({mv, 10.0 * std::log10(mw)});
+    }
+    std::stable_sort(curve.begin(), curve.end(),
+                     [](const CurvePoint& a, const CurvePoint& b) { return a.mv < b.mv; });
+    return curve;
+}
+
+// Piecewise-linear in dBm between the curve's points, flat beyond its ends.
+double curve_dbm(const std::vector<CurvePoint>& curve, double mv) {
+    if (curve.empty())
+        return 0.0;
+    if (mv <= curve.front().mv)
+        return curve.front().dbm;
+    for (size_t i = 1; i < curve.size(); ++i) {
+        if (mv <= curve[i].mv) {
+            const CurvePoint& a = curve[i - 1];
+            const CurvePoint& b = curve[i];
+            if (b.mv == a.mv)
+                return b.dbm;
+            return a.dbm + (b.dbm - a.dbm) * (mv - a.mv) / (b.mv - a.mv);
+        }
+    }
+    return curve.back().dbm;
+}
+
+}  // namespace
+
+const char* band_tag_for_frequency(int frequency_mhz) {
+    const int hundreds = frequency_mhz / 100;
+    if (hundreds >= 23 && hundreds <= 25)
+        return "2_4";
+    if (hundreds >= 50 && hundreds <= 55)
+        return "5_1";
+    if (hundreds >= 56 && hundreds <= 59)
+        return "5_8";
+    return nullptr;
+}
+
+double detector_mv(const BoardState& state, int channel) {
+    const double offset = channel == 0 ? state.ch0_offset_mv : state.ch1_offset_mv;
+    const char* tag = band_tag_for_frequency(state.frequency_mhz);
+    const int carrier_channel = (tag != nullptr && std::strcmp(tag, "2_4") == 0) ? 0 : 1;
+    if (!state.tx_on || tag == nullptr || channel != carrier_channel)
+        return kIdleDetectorMv + offset;
+    const double mv =
+        default_cal_get_mv(tag, listed_mcs(state.mcs), clamp_power(state.power_index));
+    return (mv > 0.0 ? mv : kIdleDetectorMv) + offset;
+}
+
+double output_dbm(const BoardState& state) {
+    const char* tag = band_tag_for_frequency(state.frequency_mhz);
+    if (!state.tx_on || tag == nullptr)
+        return -99.0;
+    const double mw = default_mw(tag, state.mcs, clamp_power(state.power_index));
+    return mw > 0.0 ? 10.0 * std::log10(mw) : -99.0;
+}
+
+int write_conversion_tables(const std::string& dir) {
+    for (const char* tag : kBandTags) {
+        const std::string path = dir + "/" + tag + "_mv_to_dbm.csv";
+        FILE* file = std::fopen(path.c_str(), "w");
+        if (file == nullptr) {
+            std::fprintf(stderr, "board-sim: cannot write %s: %s\n", path.c_str(),
+                         std::strerror(errno));
+            return -1;
+        }
+        std::vector<CurvePoint> curves[8];
+        for (int mcs = 0; mcs < 8; ++mcs)
+            curves[mcs] = detector_curve(tag, mcs);
+        std::fprintf(file,
+                     "mV,MCS0_dBm,MCS1_dBm,MCS2_dBm,MCS3_dBm,MCS4_dBm,MCS5_dBm,MCS6_dBm,"
+                     "MCS7_dBm\n");
+        // A 5 mV grid over the converter's whole range: 361 rows, well under the reader's
+        // limit of 1000.
+        for (int mv = 0; mv <= 1800; mv += 5) {
+            std::fprintf(file, "%d", mv);
+            for (int mcs = 0; mcs < 8; ++mcs)
+                std::fprintf(file, ",%.2f", curve_dbm(curves[mcs], mv));
+            std::fprintf(file, "\n");
+        }
+        if (std::fclose(file) != 0) {
+            std::fprintf(stderr, "board-sim: cannot write %s: %s\n", path.c_str(),
+                         std::strerror(errno));
+            return -1;
+        }
+    }
+    return 0;
+}
+
+}  // namespace board_sim

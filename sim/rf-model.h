@@ -1,0 +1,29 @@
+// The RF side of the simulated board: what the power detector shows for the radio's
+// settings, and the mV-to-dBm tables that describe this detector. Both come from the
+// default calibration tables that the program embeds, so that a power search converges
+// and a calibration run on the simulator yields files close to those defaults.
+#pragma once
+
+#include <string>
+
+#include "board-state.h"
+
+namespace board_sim {
+
+constexpr double kIdleDetectorMv = 45.0;  // detector output with no carrier on its band
+
+// Band tag ("2_4", "5_1", "5_8") of a frequency, or nullptr outside the three bands.
+const char* band_tag_for_frequency(int frequency_mhz);
+
+// Noise-free voltage of detector channel 0 (2.4 GHz) or 1 (5 GHz), this board's offset
+// included. Power indices outside 1..60 act as the nearest valid one; an MCS the tables do
+// not list uses the nearest listed one below it.
+double detector_mv(const BoardState& state, int channel);
+
+// Output power of the radio in dBm, or -99.0 when it does not transmit.
+double output_dbm(const BoardState& state);
+
+// Writes <dir>/<tag>_mv_to_dbm.csv for the three bands. Returns 0 or -1 after a message.
+int write_conversion_tables(const std::string& dir);
+
+}  // namespace board_sim

@@ -1,0 +1,64 @@
+#include "sandbox.h"
+
+#include <ftw.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "rf-model.h"
+#include "shared-block.h"
+
+namespace board_sim {
+
+const char* const kSandboxedPrefixes[3] = {"/data", "/run/fjp", "/usr/bin/rtw_mp_test.sh"};
+
+namespace {
+
+int make_directories(const std::string& path) {
+    for (size_t slash = 1; slash != std::string::npos;) {
+        slash = path.find('/', slash + 1);
+        const std::string part = path.substr(0, slash);
+        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
+            std::fprintf(stderr, "board-sim: cannot create %s: %s\n", part.c_str(),
+                         std::strerror(errno));
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int remove_entry(const char* path, const struct stat*, int, struct FTW*) {
+    std::remove(path);
+    return 0;
+}
+
+}  // namespace
+
+int prepare_sandbox(const std::string& root, const BoardState& state) {
+    for (const char* dir : {"/data/quillon/vtx", "/run/fjp", "/usr/bin", "/bin"}) {
+        if (make_directories(root + dir) != 0)
+            return -1;
+    }
+    // A sandbox directory may be reused; its clock and counters start afresh.
+    unlink(shared_block_path(root).c_str());
+    if (map_shared_block(root, true) == nullptr)
+        return -1;
+    BoardState initial = state;
+    initial.output_dbm = output_dbm(state);
+    if (save_state(state_file_path(root), initial) != 0)
+        return -1;
+    return write_conversion_tables(root + "/data/quillon/vtx");
+}
+
+std::string command_log_path(const std::string& root) {
+    return root + "/commands.log";
+}
+
+void remove_tree(const std::string& root) {
+    nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+}  // namespace board_sim

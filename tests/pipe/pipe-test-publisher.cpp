@@ -1,0 +1,93 @@
+// Publishes a scripted sequence of good and bad vtx_latency traffic on a pipe.
+// Usage: pipe-test-publisher PIPE_DIR ACTION...
+//   wait-client            wait until a client is connected
+//   record F M P           one good record (frequency, MCS, power index)
+//   partial N              the first N bytes of a good record
+//   bad-magic F M P        a record with a wrong magic number
+//   flood N                N writes of random bytes and lengths, never a good record
+//   until-gone F M P       a good record every 5 ms until no client is left
+//   crash                  die by SIGKILL, leaving the pipe's files behind
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "fjord_pipe.h"
+#include "orca-vtx-helpers.h"
+
+namespace {
+
+constexpr uint32_t kMagic = 0x4F524341;
+
+VtxLatencyRecord make_record(char** args, uint32_t magic = kMagic) {
+    VtxLatencyRecord record = {};
+    record.magic_number = magic;
+    record.frequency_mhz = atoi(args[0]);
+    record.mcs = atoi(args[1]);
+    record.power_index = atoi(args[2]);
+    return record;
+}
+
+bool wait_for_client() {
+    for (int ms = 0; ms < 10000; ms += 5) {
+        if (pipe_server_get_num_clients(0) > 0)
+            return true;
+        usleep(5000);
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    if (argc < 2 || pipe_server_create(0, argv[1], "vtx_latency_t") < 0)
+        return 1;
+    for (int i = 2; i < argc; ++i) {
+        const std::string action = argv[i];
+        if (action == "wait-client") {
+            if (!wait_for_client())
+                return 2;
+        } else if (action == "record" && i + 3 < argc) {
+            VtxLatencyRecord record = make_record(&argv[i + 1]);
+            pipe_server_write(0, &record, sizeof record);
+            i += 3;
+        } else if (action == "partial" && i + 1 < argc) {
+            VtxLatencyRecord record = {};
+            record.magic_number = kMagic;
+            pipe_server_write(0, &record, atoi(argv[++i]));
+        } else if (action == "bad-magic" && i + 3 < argc) {
+            VtxLatencyRecord record = make_record(&argv[i + 1], 0x12345678);
+            pipe_server_write(0, &record, sizeof record);
+            i += 3;
+        } else if (action == "flood" && i + 1 < argc) {
+            unsigned seed = 12345;
+            std::vector<unsigned char> bytes(400);
+            for (int n = atoi(argv[++i]); n > 0; --n) {
+                for (auto& b : bytes)
+                    b = static_cast<unsigned char>(rand_r(&seed));
+                bytes[0] = 0x00;  // never the first byte of the magic number
+                pipe_server_write(0, bytes.data(), 1 + rand_r(&seed) % 400);
+            }
+        } else if (action == "until-gone" && i + 3 < argc) {
+            VtxLatencyRecord record = make_record(&argv[i + 1]);
+            i += 3;
+            for (int ms = 0; pipe_server_get_num_clients(0) > 0; ms += 5) {
+                if (ms > 10000)
+                    return 2;
+                pipe_server_write(0, &record, sizeof record);
+                usleep(5000);
+            }
+        } else if (action == "crash") {
+            kill(getpid(), SIGKILL);
+        } else {
+            fprintf(stderr, "pipe-test-publisher: bad action %s\n", action.c_str());
+            return 1;
+        }
+    }
+    pipe_server_close(0);
+    return 0;
+}

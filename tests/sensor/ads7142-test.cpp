@@ -1,0 +1,157 @@
+// I2C framing, reset, buffer decoding, temperature conversion and the device probe,
+// checked against the simulated ADS7142 and temperature sensor.
+#include <linux/i2c-dev.h>
+#include <sys/ioctl.h>
+
+#include "i2c-monitor.h"
+#include "sensor-test-support.h"
+
+namespace {
+
+using board_sim::BusOp;
+using board_sim::Transfer;
+using board_sim::TransferKind;
+using sensor_test::BoardTest;
+using sensor_test::buffer_of;
+using sensor_test::capture;
+using sensor_test::fault;
+
+Transfer write_of(std::vector<uint8_t> bytes, int address = 0x1d) {
+    return {1, address, TransferKind::kWrite, std::move(bytes), true};
+}
+
+class Ads7142Test : public BoardTest {
+  protected:
+    void SetUp() override {
+        BoardTest::SetUp();
+        ASSERT_EQ(ioctl(fd_, I2C_SLAVE, 0x1d), 0);
+    }
+};
+
+TEST_F(Ads7142Test, RegisterFramesAndWordReads) {
+    board_sim::start_recording();
+    EXPECT_EQ(write_register(fd_, OPMODE_SEL, 0x06), 0);
+    EXPECT_EQ(read_register(fd_, OPMODE_SEL), 0x06);
+    const std::vector<Transfer> traffic = board_sim::recorded_traffic();
+    ASSERT_EQ(traffic.size(), 3u);
+    EXPECT_EQ(traffic[0], write_of({0x08, 0x1C, 0x06}));
+    EXPECT_EQ(traffic[1], write_of({0x10, 0x1C}));
+    EXPECT_EQ(traffic[2].kind, TransferKind::kRead);
+    EXPECT_EQ(traffic[2].bytes, std::vector<uint8_t>{0x06});
+
+    // The temperature register is read big-endian after its pointer byte.
+    board_sim::set_temperature_word(0xFF00);
+    ASSERT_EQ(ioctl(fd_, I2C_SLAVE, 0x48), 0);
+    EXPECT_EQ(read_word_data(fd_, 0x00), 0xFF00);
+}
+
+TEST_F(Ads7142Test, AccessFailuresNameTheStepAndTheSystemError) {
+    board_sim::set_faults({fault(BusOp::kWrite, 0x1d, 1)});
+    auto printed = capture([&] { EXPECT_EQ(write_register(fd_, WKEY, 0x0A), -1); });
+    EXPECT_EQ(printed.err, "Failed to write to the i2c bus: Input/output error\n");
+
+    board_sim::set_faults({fault(BusOp::kWrite, 0x1d, 1)});
+    printed = capture([&] { EXPECT_EQ(read_register(fd_, WKEY), -1); });
+    EXPECT_EQ(printed.err, "Failed to set register for reading: Input/output error\n");
+
+    board_sim::set_faults({fault(BusOp::kRead, 0x1d, 1)});
+    printed = capture([&] { EXPECT_EQ(read_register(fd_, WKEY), -1); });
+    EXPECT_EQ(printed.err, "Failed to read from the i2c bus: Input/output error\n");
+
+    // A short transfer fails like an error.
+    board_sim::set_faults({fault(BusOp::kRead, 0x1d, 1, true)});
+    printed = capture([&] { EXPECT_EQ(read_word_data(fd_, 0x00), -1); });
+    EXPECT_EQ(printed.err.rfind("Failed to read from the i2c bus: ", 0), 0u) << printed.err;
+    EXPECT_EQ(printed.out, "");
+}
+
+TEST_F(Ads7142Test, ResetUnlocksResetsAndLocksAgain) {
+    ASSERT_EQ(write_register(fd_, OPMODE_SEL, 0x06), 0);
+    auto printed = capture([&] { EXPECT_EQ(reset_device(fd_, 1), 0); });
+    EXPECT_EQ(printed.out, "Device reset successfully.\nWKEY register set to 0x00 for safety.\n");
+    EXPECT_EQ(board_sim::adc_register(OPMODE_SEL), 0) << "the reset did not reach the device";
+    EXPECT_EQ(board_sim::adc_register(WKEY), 0) << "WKEY left unlocked";
+
+    // Quiet unless verbose.
+    printed = capture([&] { EXPECT_EQ(reset_device(fd_, 0), 0); });
+    EXPECT_EQ(printed.out, "");
+
+    const char* const step_failures[] = {
+        "Failed to write to WKEY register.\n",
+        "Failed to write to DEVICE_RESET register.\n",
+        "Device reset successfully.\nFailed to write to WKEY register for safety.\n",
+    };
+    for (int step = 0; step < 3; ++step) {
+        SCOPED_TRACE(step);
+        board_sim::set_faults({fault(BusOp::kWrite, 0x1d, step + 1)});
+        printed = capture([&] { EXPECT_EQ(reset_device(fd_, 1), -1); });
+        EXPECT_EQ(printed.out, step_failures[step]);
+        EXPECT_EQ(printed.err, "Failed to write to the i2c bus: Input/output error\n");
+    }
+}
+
+TEST_F(Ads7142Test, BufferEntriesBecomeRunningPeaksPerChannel) {
+    ASSERT_EQ(write_register(fd_, 0x1E, 0x01), 0);  // one sequence of queued entries
+    double ch0 = 0.0;
+    double ch1 = 0.0;
+
+    board_sim::queue_adc_buffer(buffer_of(0xFFF0, 0xFFF0));
+    ASSERT_EQ(write_register(fd_, 0x1E, 0x01), 0);
+    ASSERT_EQ(read_all_data_buffer_entries_by_channel(fd_, &ch0, &ch1), 0);
+    EXPECT_EQ(ch0, 1799.560546875);
+    EXPECT_EQ(ch1, 1799.560546875);
+
+    // Low 4 bits are not data; position, not the id there, decides the channel. The
+    // peak is over all pairs and only ever rises.
+    std::array<uint16_t, 16> entries = buffer_of(0x1001, 0x0800);
+    entries[6] = 0x200F;   // pair 3, channel 0: code 0x200 = 225 mV
+    entries[13] = 0x4000;  // pair 6, channel 1: code 0x400 = 450 mV
+    board_sim::queue_adc_buffer(entries);
+    ASSERT_EQ(write_register(fd_, 0x1E, 0x01), 0);
+    ch0 = 0.0;
+    ch1 = 2000.0;
+    ASSERT_EQ(read_all_data_buffer_entries_by_channel(fd_, &ch0, &ch1), 0);
+    EXPECT_EQ(ch0, 225.0);
+    EXPECT_EQ(ch1, 2000.0);
+    ch1 = 0.0;
+    ASSERT_EQ(read_all_data_buffer_entries_by_channel(fd_, &ch0, &ch1), 0);
+    EXPECT_EQ(ch1, 450.0);
+}
+
+TEST_F(Ads7142Test, BufferReadFailures) {
+    double ch0 = 0.0;
+    double ch1 = 0.0;
+    board_sim::set_faults({fault(BusOp::kWrite, 0x1d, 1)});
+    auto printed =
+        capture([&] { EXPECT_EQ(read_all_data_buffer_entries_by_channel(fd_, &ch0, &ch1), -1); });
+    EXPECT_EQ(printed.err, "Failed to send read command to the i2c bus: Input/output error\n");
+
+    board_sim::set_faults({fault(BusOp::kRead, 0x1d, 1)});
+    printed =
+        capture([&] { EXPECT_EQ(read_all_data_buffer_entries_by_channel(fd_, &ch0, &ch1), -1); });
+    EXPECT_EQ(printed.err, "Failed to read from the i2c bus: Input/output error\n");
+}
+
+TEST(TemperatureConversion, TwelveBitTwosComplementInSixteenthDegrees) {
+    EXPECT_EQ(convert_to_celsius(0x1900), 25.0f);
+    EXPECT_EQ(convert_to_celsius(0xFF00), -1.0f);
+    EXPECT_EQ(convert_to_celsius(0x7FF0), 127.9375f);
+    EXPECT_EQ(convert_to_celsius(0x8000), -128.0f);
+    EXPECT_EQ(convert_to_celsius(0xFFF0), -0.0625f);
+    EXPECT_EQ(convert_to_celsius(0x190F), 25.0f);
+}
+
+TEST_F(Ads7142Test, ProbeFindsOnlyTheDevicesThatAnswer) {
+    board_sim::update_board_state([](board_sim::BoardState* state) { state->buses = {1, 2}; });
+    const auto printed = capture([] {
+        EXPECT_EQ(check_i2c_device(1, 0x1d), 0);
+        EXPECT_EQ(check_i2c_device(1, 0x48), 0);
+        EXPECT_EQ(check_i2c_device(1, 0x50), -1);
+        EXPECT_EQ(check_i2c_device(2, 0x1d), -1);
+        EXPECT_EQ(check_i2c_device(7, 0x1d), -1);  // no /dev/i2c-7
+    });
+    EXPECT_EQ(printed.out, "");
+    EXPECT_EQ(printed.err, "");
+}
+
+}  // namespace
