@@ -68,6 +68,12 @@ BOARD_SIM_API uint64_t bus_time_ns();
 // The host's real monotonic clock, for measuring real time under the simulation.
 BOARD_SIM_API uint64_t real_monotonic_ns();
 
+// Gives the RF model a chosen output power per power index (entry 0 is index 1; indices
+// past the end take the last entry) and rewrites the sandbox's conversion tables to match,
+// so that each index reads as exactly its dBm; an empty curve restores the default model.
+// A process that already loaded the tables must reload them (init_csv_cache_manager).
+BOARD_SIM_API int set_power_curve(const std::vector<double>& dbm_per_index);
+
 // Back to a freshly powered board: default state, no faults, overrides or recording.
 BOARD_SIM_API void reset_board();
 

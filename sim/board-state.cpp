@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,6 +37,20 @@ bool parse_double(const std::string& text, double* value) {
     if (*end != '\0')
         return false;
     *value = v;
+    return true;
+}
+
+bool parse_double_list(const std::string& text, std::vector<double>* values) {
+    std::vector<double> result;
+    std::stringstream in(text);
+    std::string item;
+    while (std::getline(in, item, ',')) {
+        double value = 0.0;
+        if (!parse_double(item, &value) || !std::isfinite(value))
+            return false;
+        result.push_back(value);
+    }
+    *values = result;
     return true;
 }
 
@@ -209,6 +224,8 @@ int apply_state_line(BoardState* state, const std::string& line, std::string* er
             state->seed = static_cast<unsigned>(as_int);
     } else if (key == "faults")
         state->faults = value;
+    else if (key == "power_curve_dbm")
+        ok = parse_double_list(value, &state->power_curve_dbm);
     else
         state->extra[key] = value;
     if (!ok) {
@@ -238,6 +255,12 @@ std::string format_state(const BoardState& state) {
     text += "noise_mv=" + format_double(state.noise_mv) + "\n";
     text += "seed=" + std::to_string(state.seed) + "\n";
     text += "faults=" + state.faults + "\n";
+    if (!state.power_curve_dbm.empty()) {
+        text += "power_curve_dbm=";
+        for (size_t i = 0; i < state.power_curve_dbm.size(); ++i)
+            text += (i ? "," : "") + format_double(state.power_curve_dbm[i]);
+        text += "\n";
+    }
     for (const auto& [key, value] : state.extra)
         text += key + "=" + value + "\n";
     return text;

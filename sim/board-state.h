@@ -31,6 +31,11 @@ struct BoardState {
     double noise_mv = 0.0;
     unsigned seed = 1;
 
+    // A chosen output power in dBm per power index (entry 0 is index 1; indices past the
+    // end take the last entry), in place of the default calibration. Tests steer the power
+    // search through particular paths with it. Empty: the default model.
+    std::vector<double> power_curve_dbm;
+
     // Injected faults in the text form of fault.h; every process counts its own traffic.
     std::string faults;
 

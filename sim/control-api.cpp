@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "board-sim.h"
+#include "rf-model.h"
 #include "simulation.h"
 
 namespace board_sim {
@@ -118,9 +119,30 @@ uint64_t real_monotonic_ns() {
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
+int set_power_curve(const std::vector<double>& dbm_per_index) {
+    Simulation* simulation = Simulation::get();
+    if (simulation == nullptr)
+        return -1;
+    BoardState changed;
+    const int result = simulation->update_state([&](BoardState* state) {
+        state->power_curve_dbm = dbm_per_index;
+        changed = *state;
+    });
+    if (result != 0)
+        return -1;
+    return write_conversion_tables(simulation->root() + "/data/quillon/vtx", changed);
+}
+
 void reset_board() {
-    if (Simulation* simulation = Simulation::get())
-        simulation->reset_board();
+    Simulation* simulation = Simulation::get();
+    if (simulation == nullptr)
+        return;
+    // A chosen power curve brought its own conversion tables; the fresh board has the
+    // default ones again.
+    const bool had_curve = !simulation->state().power_curve_dbm.empty();
+    simulation->reset_board();
+    if (had_curve)
+        write_conversion_tables(simulation->root() + "/data/quillon/vtx");
 }
 
 }  // namespace board_sim

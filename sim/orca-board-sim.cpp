@@ -34,6 +34,7 @@ void usage(FILE* out) {
                  "  --time-scale X    sleeps wait X times their length in real time (0: instant)\n"
                  "  --root DIR        use DIR as the sandbox and keep it afterwards\n"
                  "  --report FILE     write the virtual time consumed to FILE at the end\n"
+                 "  --no-publisher    run without the vtx_latency publisher (service not running)\n"
                  "  --help            show this text\n");
 }
 
@@ -140,6 +141,7 @@ int main(int argc, char* argv[]) {
     std::string report;
     std::string time_scale = "0";
     std::vector<std::string> faults;
+    bool with_publisher = true;
     int first_command = -1;
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
@@ -151,6 +153,10 @@ int main(int argc, char* argv[]) {
         if (option == "--help") {
             usage(stdout);
             return 0;
+        }
+        if (option == "--no-publisher") {
+            with_publisher = false;
+            continue;
         }
         if (value == nullptr ||
             (option != "--set" && option != "--fault" && option != "--time-scale" &&
@@ -228,10 +234,16 @@ int main(int argc, char* argv[]) {
                          std::strerror(errno));
     }
 
+    // The MP script stand-in, unless the board is to lack it.
+    const auto mp_start = state.extra.find("mp_start");
+    if ((mp_start == state.extra.end() || mp_start->second != "missing") &&
+        is_executable(here + "/orca-sim-mp"))
+        board_sim::install_mp_script(root, here + "/orca-sim-mp");
+
     set_simulation_environment(root, here + "/libboard-sim.so", time_scale);
     pid_t publisher = -1;
     const std::string publisher_path = here + "/orca-sim-vtx-publisher";
-    if (is_executable(publisher_path)) {
+    if (with_publisher && is_executable(publisher_path)) {
         publisher = start_program(
             {publisher_path, "--state", board_sim::state_file_path(root), "--period-ms", "100"},
             true);

@@ -2,15 +2,21 @@
 // a scaled real wait, ORCA_SIM_TIME_SCALE) and move the clocks ahead by what they skipped;
 // poll timeouts do the same once a short real wait has passed without an event. Threads
 // other than the main one, and processes started with ORCA_SIM_REAL_TIME=1, keep real time.
+#include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <string>
 
 #include "simulation.h"
 
@@ -23,6 +29,9 @@ namespace {
 // Longest real wait of a poll timeout with the instant clock: long enough for a child
 // process on the same machine to answer, short enough that a silent one costs little.
 constexpr int kInstantPollMs = 20;
+// A child that is still starting or working gets this much longer: on a loaded machine it
+// may need more than one slice to answer, and a timeout must mean silence, not slowness.
+constexpr uint64_t kBusyChildPatienceNs = 2000000000;
 
 template <typename Function>
 Function next_definition(const char* name) {
@@ -81,6 +90,52 @@ bool shifted_clock(clockid_t clock) {
         default:
             return false;  // CPU-time clocks measure real work
     }
+}
+
+// The state letter of a process from /proc/<pid>/stat and its parent; false when gone.
+bool process_state(const char* pid_text, char* state, pid_t* parent) {
+    char path[300];
+    std::snprintf(path, sizeof path, "/proc/%s/stat", pid_text);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    char text[512];
+    const ssize_t length = read(fd, text, sizeof text - 1);
+    close(fd);
+    if (length <= 0)
+        return false;
+    text[length] = '\0';
+    // "pid (comm) state ppid ...": the command name may hold anything but its last ')'.
+    const char* end_of_name = std::strrchr(text, ')');
+    int parent_id = 0;
+    if (end_of_name == nullptr || std::sscanf(end_of_name + 1, " %c %d", state, &parent_id) != 2)
+        return false;
+    *parent = parent_id;
+    return true;
+}
+
+// True when a child of this process (`only`, or any when it is not positive) is running or
+// waiting for the disk (state R or D), as opposed to asleep waiting for input that only we
+// could give it. Such a child needs real time, which the virtual clock does not count.
+bool child_is_busy(pid_t only) {
+    char state = 0;
+    pid_t parent = 0;
+    if (only > 0) {
+        const std::string pid_text = std::to_string(only);
+        return process_state(pid_text.c_str(), &state, &parent) && parent == getpid() &&
+               (state == 'R' || state == 'D');
+    }
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr)
+        return false;
+    bool busy = false;
+    for (const dirent* entry = readdir(proc); entry != nullptr && !busy; entry = readdir(proc)) {
+        if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9' &&
+            process_state(entry->d_name, &state, &parent))
+            busy = parent == getpid() && (state == 'R' || state == 'D');
+    }
+    closedir(proc);
+    return busy;
 }
 
 }  // namespace
@@ -178,9 +233,32 @@ EXPORT int poll(struct pollfd* fds, nfds_t count, int timeout_ms) {
     const int real_timeout = scale > 0.0 ? std::max(1, static_cast<int>(timeout_ms * scale))
                                          : std::min(timeout_ms, kInstantPollMs);
     const uint64_t start = real_now_ns();
-    const int result = real_poll(fds, count, real_timeout);
+    int result = real_poll(fds, count, real_timeout);
+    while (result == 0 && scale == 0.0 && real_now_ns() - start < kBusyChildPatienceNs &&
+           child_is_busy(0))
+        result = real_poll(fds, count, real_timeout);
     const uint64_t real_ns = real_now_ns() - start;
     if (result == 0)
         simulation->account_wait(static_cast<uint64_t>(timeout_ms) * 1000000u, real_ns);
+    return result;
+}
+
+// A WNOHANG test between virtual sleeps takes no real time, so it would find a child that
+// only needs a moment more to finish (after closing its output, say) still running. While
+// that child is busy the test waits for it in real time, as the real clock would have.
+EXPORT pid_t waitpid(pid_t pid, int* status, int options) {
+    REAL(waitpid);
+    pid_t result = real_waitpid(pid, status, options);
+    Simulation* simulation = virtual_waits();
+    if (result != 0 || !(options & WNOHANG) || simulation == nullptr ||
+        simulation->time_scale() > 0.0)
+        return result;
+    REAL(nanosleep);
+    const uint64_t start = real_now_ns();
+    while (result == 0 && real_now_ns() - start < kBusyChildPatienceNs && child_is_busy(pid)) {
+        timespec pause{0, 1000000};
+        real_nanosleep(&pause, nullptr);
+        result = real_waitpid(pid, status, options);
+    }
     return result;
 }

@@ -17,6 +17,7 @@ namespace {
 
 constexpr int kMaxPowerIndex = 60;
 constexpr const char* kBandTags[] = {"2_4", "5_1", "5_8"};
+constexpr double kNoCarrierDbm = -99.0;
 
 struct CurvePoint {
     double mv;
@@ -77,6 +78,61 @@ int clamp_power(int power_index) {
     return std::clamp(power_index, 1, kMaxPowerIndex);
 }
 
+double curve_dbm_at(const BoardState& state, int power_index) {
+    const std::vector<double>& curve = state.power_curve_dbm;
+    const size_t entry = static_cast<size_t>(clamp_power(power_index) - 1);
+    return entry < curve.size() ? curve[entry] : curve.back();
+}
+
+double curve_detector_mv(int power_index) {
+    return kCurveBaseMv + kCurveStepMv * clamp_power(power_index);
+}
+
+FILE* open_table(const std::string& path) {
+    FILE* file = std::fopen(path.c_str(), "w");
+    if (file == nullptr)
+        std::fprintf(stderr, "board-sim: cannot write %s: %s\n", path.c_str(),
+                     std::strerror(errno));
+    return file;
+}
+
+int close_table(FILE* file, const std::string& path) {
+    if (std::fclose(file) != 0) {
+        std::fprintf(stderr, "board-sim: cannot write %s: %s\n", path.c_str(),
+                     std::strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+// One row per power index at its detector voltage, the same dBm for every MCS, and a row
+// for the idle detector that reads as no carrier at all. Full precision, so that a reading
+// comes back as exactly the curve's value.
+int write_curve_tables(const std::string& dir, const BoardState& state) {
+    for (const char* tag : kBandTags) {
+        const std::string path = dir + "/" + tag + "_mv_to_dbm.csv";
+        FILE* file = open_table(path);
+        if (file == nullptr)
+            return -1;
+        std::fprintf(file,
+                     "mV,MCS0_dBm,MCS1_dBm,MCS2_dBm,MCS3_dBm,MCS4_dBm,MCS5_dBm,MCS6_dBm,"
+                     "MCS7_dBm\n");
+        std::fprintf(file, "%.17g", kIdleDetectorMv);
+        for (int mcs = 0; mcs < 8; ++mcs)
+            std::fprintf(file, ",%.17g", kNoCarrierDbm);
+        std::fprintf(file, "\n");
+        for (int level = 1; level <= kMaxPowerIndex; ++level) {
+            std::fprintf(file, "%.17g", curve_detector_mv(level));
+            for (int mcs = 0; mcs < 8; ++mcs)
+                std::fprintf(file, ",%.17g", curve_dbm_at(state, level));
+            std::fprintf(file, "\n");
+        }
+        if (close_table(file, path) != 0)
+            return -1;
+    }
+    return 0;
+}
+
 // (mV, dBm) over the power levels of one band and MCS, ordered by voltage.
 std::vector<CurvePoint> detector_curve(const std::string& tag, int mcs) {
     std::vector<CurvePoint> curve;
@@ -128,6 +184,8 @@ double detector_mv(const BoardState& state, int channel) {
     const int carrier_channel = (tag != nullptr && std::strcmp(tag, "2_4") == 0) ? 0 : 1;
     if (!state.tx_on || tag == nullptr || channel != carrier_channel)
         return kIdleDetectorMv + offset;
+    if (!state.power_curve_dbm.empty())
+        return curve_detector_mv(state.power_index) + offset;
     const double mv =
         default_cal_get_mv(tag, listed_mcs(state.mcs), clamp_power(state.power_index));
     return (mv > 0.0 ? mv : kIdleDetectorMv) + offset;
@@ -136,9 +194,17 @@ double detector_mv(const BoardState& state, int channel) {
 double output_dbm(const BoardState& state) {
     const char* tag = band_tag_for_frequency(state.frequency_mhz);
     if (!state.tx_on || tag == nullptr)
-        return -99.0;
+        return kNoCarrierDbm;
+    if (!state.power_curve_dbm.empty())
+        return curve_dbm_at(state, state.power_index);
     const double mw = default_mw(tag, state.mcs, clamp_power(state.power_index));
-    return mw > 0.0 ? 10.0 * std::log10(mw) : -99.0;
+    return mw > 0.0 ? 10.0 * std::log10(mw) : kNoCarrierDbm;
+}
+
+int write_conversion_tables(const std::string& dir, const BoardState& state) {
+    if (!state.power_curve_dbm.empty())
+        return write_curve_tables(dir, state);
+    return write_conversion_tables(dir);
 }
 
 int write_conversion_tables(const std::string& dir) {

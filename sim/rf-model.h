@@ -25,5 +25,14 @@ double output_dbm(const BoardState& state);
 
 // Writes <dir>/<tag>_mv_to_dbm.csv for the three bands. Returns 0 or -1 after a message.
 int write_conversion_tables(const std::string& dir);
+// The same for a board with a chosen power curve (`power_curve_dbm`): every band and MCS
+// then reads each power index as exactly the curve's dBm. Without a curve, as above.
+int write_conversion_tables(const std::string& dir, const BoardState& state);
+
+// Detector voltage of the carrier at a power index on a board with a chosen power curve:
+// a fixed step per index, far enough apart that the converter's quantisation never moves a
+// reading to the neighbouring table row.
+constexpr double kCurveBaseMv = 100.0;
+constexpr double kCurveStepMv = 25.0;
 
 }  // namespace board_sim

@@ -1,5 +1,6 @@
 #include "sandbox.h"
 
+#include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -50,11 +51,47 @@ int prepare_sandbox(const std::string& root, const BoardState& state) {
     initial.output_dbm = output_dbm(state);
     if (save_state(state_file_path(root), initial) != 0)
         return -1;
-    return write_conversion_tables(root + "/data/quillon/vtx");
+    return write_conversion_tables(root + "/data/quillon/vtx", initial);
 }
 
 std::string command_log_path(const std::string& root) {
     return root + "/commands.log";
+}
+
+std::string mp_log_path(const std::string& root) {
+    return root + "/mp.log";
+}
+
+int install_mp_script(const std::string& root, const std::string& mp_program) {
+    const std::string path = root + kSandboxedPrefixes[2];
+    FILE* file = std::fopen(path.c_str(), "w");
+    if (file == nullptr) {
+        std::fprintf(stderr, "board-sim: cannot write %s: %s\n", path.c_str(),
+                     std::strerror(errno));
+        return -1;
+    }
+    // The tool runs it as "sh /usr/bin/rtw_mp_test.sh ...", as on the aircraft.
+    std::fprintf(file, "#!/bin/sh\nexec '%s' \"$@\"\n", mp_program.c_str());
+    if (std::fclose(file) != 0 || chmod(path.c_str(), 0755) != 0) {
+        std::fprintf(stderr, "board-sim: cannot write %s: %s\n", path.c_str(),
+                     std::strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+void append_raw(const std::string& path, const char* bytes, size_t length) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return;
+    // One write per line keeps lines of several writers whole (O_APPEND).
+    [[maybe_unused]] const ssize_t written = write(fd, bytes, length);
+    close(fd);
+}
+
+void append_line(const std::string& path, const std::string& line) {
+    const std::string text = line + "\n";
+    append_raw(path, text.data(), text.size());
 }
 
 void remove_tree(const std::string& root) {

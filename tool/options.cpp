@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "calibration-safety.h"
 #include "i2c-monitor.h"
+#include "mp_session.h"
 #include "orca-vtx-i2c-monitor.h"
 
 namespace {
@@ -19,9 +21,6 @@ namespace {
 constexpr int kMaxCalibrationValues = 10;  // capacity of each CalibrationParams list
 constexpr int kLastScannedBus = 16;
 constexpr size_t kBusTextMax = 11;
-constexpr double kTempTestLimitC = 75.0;
-constexpr const char* kMpScriptPath = "/usr/bin/rtw_mp_test.sh";
-constexpr int kMpFrameBytes = 7800;
 
 constexpr int kFastDefaultFrequencies[] = {2412, 5180, 5805};
 constexpr int kFastDefaultMcs[] = {0, 3};
@@ -195,7 +194,7 @@ void print_help(const char* program_name) {
     printf(
         "  -temp_test               : Enable temperature testing during calibration (stops if "
         "temperature exceeds %.1f°C)\n",
-        kTempTestLimitC);
+        kCalibrationTempLimitC);
     printf(
         "  -mp                    : Transmit with the Realtek MP tool (%s, continuous %d-byte "
         "frames)\n",
@@ -282,7 +281,7 @@ RunMode parse_arguments(int argc, char* argv[]) {
             fprintf(stderr,
                     "Temperature testing enabled. Calibration will stop if temperature exceeds "
                     "%.1f°C\n",
-                    kTempTestLimitC);
+                    kCalibrationTempLimitC);
         } else if (is(arg, "-f")) {
             if (!append_value(program, value, frequencies, &frequency_count,
                               "Error: -f option requires a numeric frequency value.\n",

@@ -131,6 +131,7 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
     int open_count = 2;
     const long long deadline = now_ms() + options.timeout_ms;
     bool killed = false;
+    bool stopped = false;
     while (open_count > 0) {
         long long left = deadline - now_ms();
         if (left <= 0) {
@@ -150,6 +151,10 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
             ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
             if (n > 0) {
                 sinks[i]->append(buffer, static_cast<size_t>(n));
+                if (!stopped && options.stop_when && options.stop_when(result)) {
+                    kill(pid, options.stop_signal);
+                    stopped = true;
+                }
             } else {
                 close(fds[i].fd);
                 fds[i].fd = -1;

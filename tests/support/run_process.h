@@ -2,6 +2,8 @@
 // error and exit status. Shared by the end-to-end tests of every area.
 #pragma once
 
+#include <csignal>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +22,11 @@ struct ProcessOptions {
     std::string stdin_text;   // written to the child's standard input, then closed
     std::string working_dir;  // the child's working directory when not empty
     int timeout_ms = 20000;   // the child is killed after this long
+    // For programs that run until stopped: called with the output so far whenever more
+    // arrives; once it returns true the child gets stop_signal, and the run goes on
+    // collecting until the child has ended.
+    std::function<bool(const ProcessResult&)> stop_when;
+    int stop_signal = SIGTERM;
 };
 
 // argv[0] is the program (a path, or a name looked up on PATH).

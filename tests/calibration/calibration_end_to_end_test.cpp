@@ -1,0 +1,451 @@
+// -calibrate and -fast-calibrate as an operator runs them: the built tool on the simulated
+// board, with the service's commands or the MP script as the transmit source. Each run gets
+// a board directory of its own, so a test can leave a calibration file there beforehand and
+// read the files and logs afterwards.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "default_power_calibration.h"
+#include "i2c-monitor.h"
+#include "mv-to-dbm-file.h"
+#include "orca-vtx-helpers.h"
+#include "run_process.h"
+
+namespace {
+
+using Rows = std::vector<std::string>;
+
+struct BoardRun {
+    orca_test::ProcessResult result;
+    std::string board;
+    double wait_s = -1.0;
+    std::string file(const std::string& tag) const {
+        return orca_test::read_file(board + "/data/quillon/vtx/calibrated_" + tag + ".csv");
+    }
+    Rows mp_log() const { return lines(orca_test::read_file(board + "/mp.log")); }
+    Rows commands() const { return lines(orca_test::read_file(board + "/commands.log")); }
+    static Rows lines(const std::string& text) {
+        Rows rows;
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);)
+            rows.push_back(line);
+        return rows;
+    }
+};
+
+class CalibrationEndToEnd : public testing::Test {
+  protected:
+    // Runs the tool on bus 1 of a fresh board; `seed` is a calibration file left beforehand.
+    BoardRun calibrate(const std::vector<std::string>& board_options,
+                       const std::vector<std::string>& tool_options,
+                       const std::string& seed_tag = "", const std::string& seed = "") {
+        BoardRun run;
+        run.board = dir_.path() + "/board" + std::to_string(++runs_);
+        if (!seed_tag.empty()) {
+            for (const char* part : {"", "/data", "/data/quillon", "/data/quillon/vtx"})
+                mkdir((run.board + part).c_str(), 0755);
+            dir_.write_file("board" + std::to_string(runs_) + "/data/quillon/vtx/calibrated_" +
+                                seed_tag + ".csv",
+                            seed);
+        }
+        std::vector<std::string> argv{ORCA_BOARD_SIM, "--root", run.board, "--report",
+                                      run.board + ".report"};
+        argv.insert(argv.end(), board_options.begin(), board_options.end());
+        argv.insert(argv.end(), {"--", ORCA_MONITOR_BINARY, "-d", "1"});
+        argv.insert(argv.end(), tool_options.begin(), tool_options.end());
+        run.result = orca_test::run_process(argv);
+        const std::string report = orca_test::read_file(run.board + ".report");
+        const size_t at = report.find("wait_ns=");
+        if (at != std::string::npos)
+            run.wait_s = std::strtod(report.c_str() + at + 8, nullptr) / 1e9;
+        return run;
+    }
+
+    orca_test::TempDir dir_;
+    int runs_ = 0;
+};
+
+// "mV,mW" of every level the tool reported as measured, as its "Power 1" lines print them.
+std::map<int, std::string> reported_cells(const std::string& out) {
+    std::map<int, std::string> cells;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
+        int level = 0;
+        char mv[32], mw[32];
+        if (std::sscanf(line.c_str(),
+                        "Power 1 level %d: Average mV = %31[^,], dBm = %*[^,], mW = %31s", &level,
+                        mv, mw) == 3)
+            cells[level] = std::string(mv) + "," + mw;
+    }
+    return cells;
+}
+
+Rows fields(const std::string& row) {
+    Rows cells;
+    std::istringstream in(row);
+    for (std::string cell; std::getline(in, cell, ',');)
+        cells.push_back(cell);
+    return cells;
+}
+
+std::string format2(double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.2f", value);
+    return text;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+Rows service_levels(int frequency, int mcs, const std::vector<int>& levels) {
+    Rows expected{"orca-configure-vtx -F " + std::to_string(frequency),
+                  "orca-configure-vtx -m " + std::to_string(mcs),
+                  "orca-configure-vtx -F " + std::to_string(frequency)};
+    for (int level : levels)
+        expected.push_back("orca-configure-vtx -p " + std::to_string(level));
+    expected.push_back("orca-configure-vtx -p 1");
+    return expected;
+}
+
+std::vector<int> levels_up_to(int last) {
+    std::vector<int> levels;
+    for (int level = 1; level <= last; ++level)
+        levels.push_back(level);
+    return levels;
+}
+
+const std::vector<int> kAnchors = {10, 35, 45, 50, 56, 60};
+constexpr double kLevelSeconds = 0.65 + 3 * 0.1 + 4 * 0.060;  // settle, pauses, 4 read cycles
+
+TEST_F(CalibrationEndToEnd, FirstRunWritesTheBandFileThatTheServiceLoads) {
+    const BoardRun run = calibrate({}, {"-calibrate", "-f", "5180", "-m", "0"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_EQ(run.result.err, "");
+    EXPECT_TRUE(
+        contains(run.result.out,
+                 "Calibration complete! Data saved to /data/quillon/vtx/calibrated_5_1.csv\n"
+                 "Safety measure: Power level set to 1 (minimum) after calibration\n"
+                 "All calibrations completed!\n"));
+
+    const Rows rows = BoardRun::lines(run.file("5_1"));
+    ASSERT_EQ(rows.size(), 64u);
+    EXPECT_EQ(rows[0], "Power_Level,MCS0_mV,MCS0_mW");
+    const auto reported = reported_cells(run.result.out);
+    ASSERT_EQ(reported.size(), 60u);
+    for (int level = 1; level <= 63; ++level) {
+        const std::string cells = level <= 60 ? reported.at(level) : "-1,-1";
+        EXPECT_EQ(rows[level], std::to_string(level) + "," + cells);
+    }
+
+    Rows expected_commands = service_levels(5180, 0, levels_up_to(60));
+    expected_commands.push_back("orca-send-command vtx_latency stop_test 1");
+    EXPECT_EQ(run.commands(), expected_commands);
+    // 4 s for the service to settle, 7 s after -F, the levels, 1 s after the run.
+    EXPECT_NEAR(run.wait_s, 4 + 7 + 60 * kLevelSeconds + 1, 1e-6);
+
+    // The loader keeps, per rounded mW, the level listed last.
+    std::map<int, int> expected;
+    for (int level = 1; level <= 60; ++level)
+        expected[static_cast<int>(std::lround(
+            std::stod(reported.at(level).substr(reported.at(level).find(',') + 1))))] = level;
+    const PowerCalibrationMap loaded =
+        loadPowerCalibrationData(run.board + "/data/quillon/vtx/calibrated_5_1.csv");
+    ASSERT_EQ(loaded.size(), 1u);
+    EXPECT_EQ(loaded.at(0), expected);
+}
+
+TEST_F(CalibrationEndToEnd, MergesIntoAnExistingFile) {
+    // Another MCS: the header gains its pair, every row its two values.
+    std::string first = "Power_Level,MCS0_mV,MCS0_mW\n";
+    for (int level = 1; level <= 63; ++level)
+        first += std::to_string(level) + ",1" + std::to_string(level) + ".00,-1\n";
+    BoardRun run = calibrate({}, {"-calibrate", "-f", "5805", "-m", "1"}, "5_8", first);
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    Rows rows = BoardRun::lines(run.file("5_8"));
+    ASSERT_EQ(rows.size(), 64u);
+    EXPECT_EQ(rows[0], "Power_Level,MCS0_mV,MCS0_mW,MCS1_mV,MCS1_mW");
+    auto reported = reported_cells(run.result.out);
+    for (int level = 1; level <= 63; ++level) {
+        EXPECT_EQ(rows[level], std::to_string(level) + ",1" + std::to_string(level) + ".00,-1," +
+                                   (level <= 60 ? reported.at(level) : "-1,-1"));
+    }
+
+    // The same MCS again: only its cells change, its "NA" cells become -1, empty fields go.
+    const std::string existing =
+        "Power_Level,MCS3_mV,MCS3_mW,MCS7_mV,MCS7_mW\n"
+        "10,1.00,2.00,NA,NA\n"
+        "61,NA,NA,NA,NA\n"
+        "62,,,5.00,6.00\n";
+    run = calibrate({}, {"-fast-calibrate", "-f", "5805", "-m", "3"}, "5_8", existing);
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_TRUE(
+        contains(run.result.out, "MCS3 columns already exist in the file, they will be updated\n"));
+    rows = BoardRun::lines(run.file("5_8"));
+    ASSERT_EQ(rows.size(), 64u);
+    EXPECT_EQ(rows[0], "Power_Level,MCS3_mV,MCS3_mW,MCS7_mV,MCS7_mW");
+    EXPECT_EQ(rows[1], "10," + reported_cells(run.result.out).at(10) + ",NA,NA");
+    EXPECT_EQ(rows[2], "61,-1,-1,NA,NA");
+    EXPECT_EQ(rows[3], "62,5.00,6.00");  // the empty fields are gone, the pair shifted left
+    // New levels follow in ascending order, with the header's other fields left empty.
+    EXPECT_EQ(rows[4].rfind("1,,,", 0), 0u) << rows[4];
+    EXPECT_EQ(rows[63], "63,,,NA,NA");
+}
+
+TEST_F(CalibrationEndToEnd, HeadersThatDoNotNameThePairAppendIt) {
+    // A header alone: every level is appended after the existing fields.
+    BoardRun run = calibrate({}, {"-fast-calibrate", "-f", "5805", "-m", "0"}, "5_8",
+                             "Power_Level,MCS1_mV,MCS1_mW\n");
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    Rows rows = BoardRun::lines(run.file("5_8"));
+    ASSERT_EQ(rows.size(), 64u);
+    EXPECT_EQ(rows[0], "Power_Level,MCS1_mV,MCS1_mW,MCS0_mV,MCS0_mW");
+    EXPECT_EQ(rows[10], "10,,," + reported_cells(run.result.out).at(10));
+    EXPECT_EQ(rows[61], "61,,,NA,NA");
+
+    // A header that names only one of the pair stays as it is; the rows gain the pair.
+    run = calibrate({}, {"-fast-calibrate", "-f", "5805", "-m", "3"}, "5_8",
+                    "Power_Level,MCS3_mV,Note\n10,99.00,old\n63,1.00,x\n");
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_TRUE(contains(run.result.out, "MCS3 columns already exist in the file"));
+    rows = BoardRun::lines(run.file("5_8"));
+    ASSERT_EQ(rows.size(), 64u);
+    EXPECT_EQ(rows[0], "Power_Level,MCS3_mV,Note");
+    EXPECT_EQ(rows[1], "10,99.00,old," + reported_cells(run.result.out).at(10));
+    EXPECT_EQ(rows[2], "63,1.00,x,-1,-1");
+    EXPECT_EQ(rows[3].rfind("1,,,", 0), 0u) << rows[3];
+
+    // No room for the pair: the file is left empty and the combination fails.
+    run = calibrate({}, {"-fast-calibrate", "-f", "5805", "-m", "3"}, "5_8",
+                    "Power_Level," + std::string(1000, 'x') + "\n1,2,3\n");
+    EXPECT_EQ(run.result.exit_status, 0);
+    EXPECT_EQ(run.result.err,
+              "Header would be too long after adding new columns\n"
+              "Calibration failed for Frequency: 5805 MHz, MCS: 3\n");
+    EXPECT_EQ(run.file("5_8"), "");
+    EXPECT_EQ(run.commands()[run.commands().size() - 2], "orca-configure-vtx -p 1");
+}
+
+TEST_F(CalibrationEndToEnd, FastRunEstimatesFromTheDefaultsShiftedByTheAnchors) {
+    // This board's 5 GHz detector reads 12.5 mV above the typical one.
+    const BoardRun run = calibrate({"--set", "ch1_offset_mv=12.5"}, {"-fast-calibrate"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_EQ(run.result.err, "");
+    const char* kCombinations[] = {"2412 MHz, MCS: 0", "2412 MHz, MCS: 3", "5180 MHz, MCS: 0",
+                                   "5180 MHz, MCS: 3", "5805 MHz, MCS: 0", "5805 MHz, MCS: 3"};
+    for (const char* combination : kCombinations) {
+        EXPECT_TRUE(contains(run.result.out, std::string("Frequency: ") + combination + " (fast)"));
+        EXPECT_TRUE(
+            contains(run.result.out,
+                     std::string("Starting fast calibration for Frequency: ") + combination));
+    }
+    EXPECT_NEAR(run.wait_s, 6 * (4 + 7 + 6 * kLevelSeconds + 1), 1e-6);
+    for (const char* tag : {"2_4", "5_8"})
+        EXPECT_EQ(BoardRun::lines(run.file(tag))[0], "Power_Level,MCS0_mV,MCS0_mW,MCS3_mV,MCS3_mW");
+
+    // MCS 0 at 5180 MHz: the first pair of the 5.1 file.
+    const Rows rows = BoardRun::lines(run.file("5_1"));
+    ASSERT_EQ(rows.size(), 64u);
+    std::map<int, double> offsets;
+    for (int anchor : kAnchors) {
+        offsets[anchor] = std::stod(fields(rows[anchor])[1]) - default_cal_get_mv("5_1", 0, anchor);
+    }
+    const std::string table = run.board + "/data/quillon/vtx/5_1_mv_to_dbm.csv";
+    for (int level = 1; level <= 60; ++level) {
+        if (offsets.count(level))
+            continue;
+        auto high = offsets.upper_bound(level);
+        double offset = high == offsets.begin() ? high->second : std::prev(high)->second;
+        if (high != offsets.begin() && high != offsets.end()) {
+            auto low = std::prev(high);
+            offset = low->second + (level - low->first) * (high->second - low->second) /
+                                       (high->first - low->first);
+        }
+        const double mv = std::max(1.0, default_cal_get_mv("5_1", 0, level) + offset);
+        const Rows cells = fields(rows[level]);
+        ASSERT_EQ(cells.size(), 5u) << rows[level];
+        // The anchors' averages reach us rounded to 0.01 mV, so ours may be 0.005 mV off the
+        // tool's exact estimate, and the file's 0.005 mV the other way; the mW may then be
+        // that of a neighbouring voltage.
+        EXPECT_NEAR(std::stod(cells[1]), mv, 0.0101) << "level " << level;
+        std::vector<std::string> mw_choices;
+        for (double nearby : {mv - 0.0051, mv, mv + 0.0051}) {
+            double converted = 0.0, dbm = 0.0;
+            ASSERT_EQ(read_csv_data_from_file(table.c_str(), &converted, &dbm, 0, nearby), 0);
+            mw_choices.push_back(format2(custom_exp10(dbm / 10.0)));
+        }
+        EXPECT_NE(std::find(mw_choices.begin(), mw_choices.end(), cells[2]), mw_choices.end())
+            << "level " << level << ": " << rows[level] << " against " << mw_choices[1];
+    }
+    EXPECT_EQ(rows[61].substr(0, 9), "61,-1,-1,");
+}
+
+TEST_F(CalibrationEndToEnd, SafetyStopsKeepTheLevelThatTrippedThem) {
+    // Too hot at the first anchor: it records the temperature, levels below take the plain
+    // defaults, nothing above is calibrated.
+    BoardRun run = calibrate({"--set", "temperature_c=76.37"},
+                             {"-fast-calibrate", "-f", "5180", "-m", "0", "-temp_test"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_TRUE(contains(run.result.out, "WARNING: Temperature (76."));
+    EXPECT_TRUE(contains(run.result.out,
+                         "°C) exceeds safety threshold of 75.0°C at power level 10\n"
+                         "Stopping calibration for safety reasons\n"));
+    Rows rows = BoardRun::lines(run.file("5_1"));
+    ASSERT_EQ(rows.size(), 64u);
+    EXPECT_EQ(rows[10], "10,TEMP_ERROR_76_3,TEMP_ERROR_76_3");
+    EXPECT_EQ(fields(rows[4])[1], format2(default_cal_get_mv("5_1", 0, 4)));
+    EXPECT_EQ(rows[11], "11,-1,-1");
+    EXPECT_EQ(run.commands().back(), "orca-send-command vtx_latency stop_test 1");
+
+    // Too strong: the level above 31.5 dBm is the last one measured and written.
+    run = calibrate({"--set", "ch0_offset_mv=30"}, {"-calibrate", "-f", "2412", "-m", "1"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    int stop = 0;
+    const size_t at = run.result.out.find("WARNING: Measured dBm (");
+    ASSERT_NE(at, std::string::npos) << run.result.out;
+    ASSERT_EQ(std::sscanf(run.result.out.c_str() + at,
+                          "WARNING: Measured dBm (%*f) exceeds safety threshold of 31.5 dBm at "
+                          "power level %d",
+                          &stop),
+              1);
+    rows = BoardRun::lines(run.file("2_4"));
+    ASSERT_EQ(rows.size(), 64u);
+    EXPECT_GT(stop, 1);
+    EXPECT_NE(rows[stop], std::to_string(stop) + ",-1,-1");
+    EXPECT_EQ(rows[stop + 1], std::to_string(stop + 1) + ",-1,-1");
+    Rows expected = service_levels(2412, 1, levels_up_to(stop));
+    expected.push_back("orca-send-command vtx_latency stop_test 1");
+    EXPECT_EQ(run.commands(), expected);
+}
+
+TEST_F(CalibrationEndToEnd, LostAnchorsAbortWithoutWriting) {
+    // From the 241st converter read on every buffer read fails: anchor 10 takes 240.
+    const BoardRun run = calibrate({"--fault", "read:0x1d:241:0"},
+                                   {"-fast-calibrate", "-f", "5180", "-m", "0"}, "5_1", "kept\n");
+    ASSERT_EQ(run.result.exit_status, 0);
+    std::string expected;
+    for (int anchor : {35, 45, 50, 56, 60})
+        expected += "Error: fast calibration anchor power level " + std::to_string(anchor) +
+                    " did not produce a valid measured reading. Aborting without writing CSV.\n";
+    expected += "Calibration failed for Frequency: 5180 MHz, MCS: 0\n";
+    EXPECT_TRUE(contains(run.result.err, expected)) << run.result.err;
+    EXPECT_TRUE(contains(run.result.out,
+                         "Safety measure: Power level set to 1 (minimum) after fast calibration "
+                         "anchor failure\n"));
+    EXPECT_EQ(run.file("5_1"), "kept\n");
+    Rows commands = service_levels(5180, 0, kAnchors);
+    commands.push_back("orca-send-command vtx_latency stop_test 1");
+    EXPECT_EQ(run.commands(), commands);
+}
+
+// What the MP script should have been sent for one combination.
+void expect_mp_levels(Rows* expected, int frequency, int mcs, const std::vector<int>& levels) {
+    expected->insert(expected->end(),
+                     {"freq " + std::to_string(frequency), "mcs " + std::to_string(mcs),
+                      "freq " + std::to_string(frequency)});
+    for (int level : levels)
+        expected->insert(expected->end(), {"power " + std::to_string(level), "resume", "pause"});
+    expected->insert(expected->end(), {"power 1", "pause"});
+}
+
+TEST_F(CalibrationEndToEnd, MpScriptCarriesTheWholeRun) {
+    const BoardRun run =
+        calibrate({}, {"-fast-calibrate", "-mp", "-f", "2412", "-f", "2437", "-m", "0"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_EQ(run.result.err,
+              "Warning: Fast calibration is not supported for 2437 MHz MCS 0; using full "
+              "calibration instead.\n");
+    EXPECT_TRUE(contains(run.result.out,
+                         "Transmit source: Realtek MP (rtw_mp_test.sh)\n"
+                         "Will perform calibration for the following combinations:\n"
+                         "Frequency: 2412 MHz, MCS: 0 (fast)\n"
+                         "Frequency: 2437 MHz, MCS: 0 (full)\n"
+                         "Starting Realtek MP session: /usr/bin/rtw_mp_test.sh tx paused=1 "
+                         "freq=2412 mcs=0 pwr=1 pktlen=7800 pktint=1\n"));
+    EXPECT_TRUE(contains(run.result.out, "Starting full calibration for Frequency: 2437 MHz"));
+    Rows expected{"start tx paused=1 freq=2412 mcs=0 pwr=1 pktlen=7800 pktint=1 NO_COLOR=1"};
+    expect_mp_levels(&expected, 2412, 0, kAnchors);
+    expect_mp_levels(&expected, 2437, 0, levels_up_to(60));
+    expected.push_back("quit");
+    EXPECT_EQ(run.mp_log(), expected);
+    EXPECT_EQ(run.commands(), Rows{}) << "the service is not involved";
+    // No settling waits with the MP script, only the levels (and the script's exit).
+    EXPECT_GE(run.wait_s, 66 * kLevelSeconds - 1e-6);
+    EXPECT_LT(run.wait_s, 66 * kLevelSeconds + 1.0);
+    EXPECT_EQ(BoardRun::lines(run.file("2_4")).size(), 64u);
+}
+
+TEST_F(CalibrationEndToEnd, MpScriptThatDoesNotStartEndsTheTool) {
+    for (const char* mode : {"fail", "error", "eof", "missing"}) {
+        const BoardRun run = calibrate({"--set", std::string("mp_start=") + mode},
+                                       {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
+        EXPECT_EQ(run.result.exit_status, 1) << mode;
+        EXPECT_TRUE(contains(run.result.err,
+                             "Error: the MP session did not start (see the [mp] lines above; the "
+                             "radio driver must be the MP build)\n"))
+            << mode << ": " << run.result.err;
+        EXPECT_FALSE(contains(run.result.out, "Starting full calibration")) << mode;
+    }
+}
+
+TEST_F(CalibrationEndToEnd, MpScriptMisbehaving) {
+    // A setting the script never answers costs 20 s, then the combination is given up.
+    BoardRun run =
+        calibrate({"--set", "mp_stall=freq"}, {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
+    EXPECT_EQ(run.result.exit_status, 0);
+    EXPECT_EQ(run.result.err,
+              "[mp] no answer to 'freq 5180'\n"
+              "Calibration failed for Frequency: 5180 MHz, MCS: 0 (MP rejected the setting)\n");
+    EXPECT_GE(run.wait_s, 19.99);
+    EXPECT_LT(run.wait_s, 21.0);
+
+    // Chatter between the answers is passed over; a refused setting skips the combination.
+    run = calibrate({"--set", "mp_refuse=mcs", "--set", "mp_flood=50"},
+                    {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
+    EXPECT_EQ(run.result.exit_status, 0);
+    EXPECT_TRUE(contains(run.result.out, "[mp] rtw_mp_test.sh: tx statistics 49\n[mp] OK\n"));
+    EXPECT_EQ(run.result.err,
+              "Calibration failed for Frequency: 5180 MHz, MCS: 0 (MP rejected the setting)\n");
+    EXPECT_EQ(run.mp_log(), (Rows{run.mp_log()[0], "freq 5180", "mcs 0", "quit"}));
+
+    // A script that stays after quit is drained for 10 s, waited for 10 s, then terminated.
+    run = calibrate({"--set", "mp_quit=ignore", "--set", "mp_refuse=freq"},
+                    {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
+    EXPECT_EQ(run.result.exit_status, 0);
+    EXPECT_EQ(run.mp_log().back(), "terminated");
+    EXPECT_GE(run.wait_s, 19.99);
+    EXPECT_TRUE(contains(run.result.out, "All calibrations completed!\n"));
+
+    // Ctrl-C in the middle of a run ends the tool and the script at once.
+    run =
+        calibrate({"--set", "mp_interrupt=resume"}, {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
+    EXPECT_EQ(run.result.exit_status, 130);
+    EXPECT_EQ(run.mp_log().back(), "terminated");
+    EXPECT_FALSE(contains(run.result.out, "All calibrations completed!"));
+}
+
+TEST_F(CalibrationEndToEnd, StopCommandFailureIsOnlyAWarning) {
+    const BoardRun run =
+        calibrate({"--set", "send_command_status=3"}, {"-fast-calibrate", "-f", "3000", "-m", "0"});
+    EXPECT_EQ(run.result.exit_status, 0);
+    EXPECT_EQ(run.result.err,
+              "Warning: Fast calibration is not supported for 3000 MHz MCS 0; using full "
+              "calibration instead.\n"
+              "Error: Invalid frequency 3000 MHz\n"
+              "Calibration failed for Frequency: 3000 MHz, MCS: 0\n"
+              "Warning: Failed to stop vtx_latency test\n");
+    EXPECT_EQ(run.commands(),
+              (Rows{"orca-configure-vtx -F 3000", "orca-configure-vtx -m 0",
+                    "orca-configure-vtx -F 3000", "orca-send-command vtx_latency stop_test 1"}));
+}
+
+}  // namespace

@@ -1,0 +1,198 @@
+// The monitor as an operator runs it: the built tool on a fresh simulated board, ended by a
+// signal once it has shown enough, its output compared line by line.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "run_process.h"
+
+namespace {
+
+using Enough = std::function<bool(const std::string& out, const std::string& err)>;
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1)
+        lines.push_back(text.substr(start, end - start));
+    return lines;
+}
+
+size_t count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+struct MonitorRun {
+    std::vector<std::string> out;  // without the pipe client's connect line
+    std::vector<std::string> err;
+    std::vector<std::string> commands;  // what reached the simulated service
+    int exit_status = -1;
+    double virtual_seconds = 0;
+};
+
+// `orca-vtx-i2c-monitor -d 1 args...` on a board set up with `board` (orca-board-sim
+// options), until `enough` holds for what it printed; then `signal` ends it.
+MonitorRun run_monitor(std::vector<std::string> board, const std::vector<std::string>& args,
+                       const Enough& enough, int signal = SIGTERM) {
+    orca_test::TempDir tmp;
+    const std::string root = tmp.path() + "/board";
+    std::vector<std::string> argv = {ORCA_BOARD_SIM, "--root", root, "--report", root + ".report"};
+    argv.insert(argv.end(), board.begin(), board.end());
+    argv.insert(argv.end(), {"--", ORCA_MONITOR_BINARY, "-d", "1"});
+    argv.insert(argv.end(), args.begin(), args.end());
+    orca_test::ProcessOptions options;
+    options.stop_when = [&](const orca_test::ProcessResult& r) { return enough(r.out, r.err); };
+    options.stop_signal = signal;
+    const orca_test::ProcessResult result = orca_test::run_process(argv, options);
+
+    // Nothing of this board may outlive it: no tool, shell or publisher.
+    for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+        const std::string seen = orca_test::read_file(process.path() / "cmdline") +
+                                 orca_test::read_file(process.path() / "environ");
+        EXPECT_EQ(seen.find(root), std::string::npos) << process.path() << " left behind";
+    }
+    // Each line leaves whole as printed, even when the output is a pipe.
+    EXPECT_TRUE(result.out.empty() || result.out.back() == '\n') << result.out.substr(0, 200);
+    MonitorRun run;
+    EXPECT_LE(count(result.out, "Connected to VTX Latency pipe\n"), 1u);
+    for (const std::string& line : lines_of(result.out))
+        if (line != "Connected to VTX Latency pipe")
+            run.out.push_back(line);
+    run.err = lines_of(result.err);
+    run.commands = lines_of(orca_test::read_file(root + "/commands.log"));
+    run.exit_status = result.exit_status;
+    const std::string report = orca_test::read_file(root + ".report");
+    run.virtual_seconds = std::atof(report.c_str() + report.find("wait_ns=") + 8) / 1e9;
+    return run;
+}
+
+std::string reading(const std::string& ch0, const std::string& label, const std::string& ch1,
+                    const std::string& frequency = "5800",
+                    const std::string& temperature = "25.00") {
+    return "2.4 GHz (CH0): " + ch0 + "   " + label + " GHz (CH1): " + ch1 +
+           "   Temperature (C): " + temperature + "   Freq: " + frequency +
+           " MHz   MCS: 0   Power: 1";
+}
+
+TEST(Monitor, ShowsTheDefaultRadioStateUntilTheServicePublishes) {
+    // No service: whatever the radio does, the lines say 5800 MHz, MCS 0, power 1 and
+    // convert with the 5.8 table. A user's Ctrl-C ends it.
+    const auto run = run_monitor(
+        {"--no-publisher", "--set", "frequency_mhz=5180", "--set", "mcs=3", "--set",
+         "power_index=4", "--set", "temperature_c=31.5", "--set", "power_curve_dbm=1,2,3,4.25"},
+        {}, [](auto& out, auto&) { return count(out, "\n") >= 3; }, SIGINT);
+    EXPECT_EQ(run.exit_status, 128 + SIGINT);
+    EXPECT_TRUE(run.err.empty());
+    ASSERT_GE(run.out.size(), 3u);
+    for (const std::string& line : run.out)
+        EXPECT_EQ(line,
+                  reading("-99.00 dBm (44.82 mV)", "5.8", "4.25 dBm (199.95 mV)", "5800", "31.50"));
+}
+
+TEST(Monitor, BandLabelFollowsThePipeFrequencyWithItsOwnBoundary) {
+    // 5500-5599 MHz is labelled 5.8 but converted with the 5.1 table: 7.20 dBm at this
+    // voltage, where the 5.8 table of the lines before the first record says 7.50.
+    for (const auto& [frequency, label] :
+         {std::pair{"5499", "5.1"}, {"5500", "5.8"}, {"5599", "5.8"}}) {
+        const std::string published =
+            reading("12.10 dBm (44.82 mV)", label, "7.20 dBm (385.40 mV)", frequency);
+        const auto run = run_monitor({"--set", std::string("frequency_mhz=") + frequency}, {},
+                                     [&](auto& out, auto&) { return count(out, published) >= 3; });
+        size_t first = 0;
+        while (first < run.out.size() && run.out[first] != published)
+            EXPECT_EQ(run.out[first++],
+                      reading("12.10 dBm (44.82 mV)", "5.8", "7.50 dBm (385.40 mV)"));
+        ASSERT_LT(first, run.out.size()) << frequency;
+        for (size_t i = first; i < run.out.size(); ++i)
+            EXPECT_EQ(run.out[i], published);
+    }
+}
+
+TEST(Monitor, FailedReadIsRetriedEveryFiveSecondsAndPrintsOnlyItsError) {
+    const auto run = run_monitor({"--fault", "write:0x1d:1:0"}, {}, [](auto&, auto& err) {
+        return count(err, "Error processing sensor data") >= 5;
+    });
+    EXPECT_EQ(run.exit_status, 128 + SIGTERM);
+    for (const std::string& line : run.out)
+        EXPECT_EQ(line, "Failed to reset device, retrying in 5 seconds...");
+    for (size_t i = 0; i < run.err.size(); ++i)
+        EXPECT_EQ(run.err[i], i % 2 ? "Error processing sensor data"
+                                    : "Failed to write to the i2c bus: Input/output error");
+    const double failures = static_cast<double>(run.err.size() / 2);
+    ASSERT_GE(failures, 5);
+    EXPECT_GE(run.virtual_seconds, 5 * (failures - 1));  // ended during a wait or just before
+    EXPECT_LE(run.virtual_seconds, 5 * failures);
+}
+
+// Power index i reads as i × step dBm, but as 0.0 at index `zero_at`.
+std::string curve(double step, int zero_at = 0) {
+    std::string text = "power_curve_dbm=";
+    for (int i = 1; i <= 60; ++i)
+        text += (i > 1 ? "," : "") + std::to_string(i == zero_at ? 0.0 : i * step);
+    return text;
+}
+
+bool search_done(const std::string& out, const std::string&) {
+    const size_t end = out.find("Optimal power level found");
+    return end != std::string::npos && count(out.substr(end), "2.4 GHz (CH0)") >= 2;
+}
+
+TEST(Monitor, AdjustmentSearchesOnceFromPowerOne) {
+    const struct {
+        std::vector<std::string> args;
+        std::string curve;
+        std::vector<int> tried;  // after the initial 1; the last is chosen and set again
+        const char* shown;
+    } cases[] = {
+        {{"-adjust-dbm", "17.13"},
+         curve(0.5),
+         {30, 45, 37, 33, 35, 35},
+         "Searching for optimal power level (range: 1-60) to achieve 17.25 dBm at 5.8 GHz...\n"
+         "Starting binary search for power level...\nTarget dBm: 17.2\n"},
+        {{"-adjust-dbm", "17.12"},
+         curve(0.5),
+         {30, 45, 37, 33, 35, 34, 34},
+         "Testing power level 34 -> 17.0 dBm\nNew best power level found: 34 (17.0 dBm, 0.0 from "
+         "target)\nFound power level within tolerance!\nOptimal power level found: 34\n"},
+        {{"-adjust-mW", "100"},
+         curve(0.5),
+         {30, 45, 37, 41, 39, 40, 40},
+         "Testing power level 41 -> 20.5 dBm\nNew best power level found: 41 (20.5 dBm, 0.5 from "
+         "target)\ndBm too high, searching lower range (38 to 40)\n"},
+        // The linear scan ends it; of all indices tried 16 and 17 are closest, 16 first.
+        {{"-adjust-dbm", "16.5"},
+         curve(1.0),
+         {30, 15, 22, 18, 16, 17, 16},
+         "Testing power level 17 -> 17.0 dBm\nBinary search complete. Best power level found: 16\n"
+         "Optimal power level found: 16\n"},
+        {{"-adjust-dbm", "20"},
+         curve(0.5, 30),
+         {30, 1},
+         "Testing power level 30 -> 0.0 dBm\nDetected 0 dBm reading at high power level 30\n"
+         "This indicates potential signal issues - using minimum power for safety\n"
+         "Binary search complete. Best power level found: 1 (selecting minimum power due to zero "
+         "readings at high power)\nOptimal power level found: 1\n"},
+        {{"-adjust-dbm", "10"},
+         curve(0.5, 20),
+         {30, 15, 22, 18, 20, 21, 21},
+         "Testing power level 20 -> 0.0 dBm\ndBm too low, searching higher range (21 to 21)\n"},
+    };
+    for (const auto& c : cases) {
+        const auto run = run_monitor({"--set", c.curve}, c.args, search_done);
+        std::string commands = "orca-configure-vtx -p 1\n", out;
+        for (int index : c.tried)
+            commands += "orca-configure-vtx -p " + std::to_string(index) + "\n";
+        for (const std::string& line : run.out)
+            out += line + "\n";
+        EXPECT_EQ(run.commands, lines_of(commands)) << c.args[1];
+        EXPECT_EQ(out.rfind("Setting initial power to 1...\n2.4 GHz (CH0): ", 0), 0u);
+        EXPECT_NE(out.find(c.shown), std::string::npos) << out;
+        EXPECT_EQ(count(out, "Searching for optimal power level"), 1u);
+    }
+}
+
+}  // namespace
