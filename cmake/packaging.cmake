@@ -69,6 +69,13 @@ file(WRITE ${ORCA_CPACK_SETTINGS}
      "set(ENV{DEB_HOST_ARCH} ${ORCA_DEB_ARCH})\n"
      "set(ENV{DEB_HOST_MULTIARCH} ${ORCA_DEB_MULTIARCH})\n")
 set(CPACK_PROJECT_CONFIG_FILE ${ORCA_CPACK_SETTINGS})
+# The tool links liborca-vtx, which is in none of the installed packages yet: dpkg-shlibdeps
+# finds it in the build tree and the tool package depends on the runtime package.
+if(TARGET orca_vtx AND "runtime" IN_LIST CPACK_COMPONENTS_ALL)
+    get_target_property(ORCA_VTX_BUILD_DIR orca_vtx BINARY_DIR)
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${ORCA_VTX_BUILD_DIR})
+    set(CPACK_COMPONENT_TOOL_DEPENDS runtime)
+endif()
 
 # Each description's first line is the package's summary.
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME orca-vtx-i2c-monitor)
