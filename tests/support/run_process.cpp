@@ -8,6 +8,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <elf.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +27,59 @@ long long now_ms() {
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
+
+#ifdef ORCA_TEST_EMULATOR
+// The ELF machine of a program file, or EM_NONE when it is no ELF file (a script, say).
+int elf_machine(const std::string& path) {
+    Elf64_Ehdr header{};
+    std::ifstream in(path, std::ios::binary);
+    if (!in.read(reinterpret_cast<char*>(&header), sizeof header) ||
+        memcmp(header.e_ident, ELFMAG, SELFMAG) != 0)
+        return EM_NONE;
+    return header.e_machine;  // at the same offset in 32- and 64-bit headers
+}
+
+// Where execvp would find the program: the path itself when it holds a slash.
+std::string resolve_program(const std::string& program) {
+    if (program.find('/') != std::string::npos)
+        return program;
+    const char* path = getenv("PATH");
+    std::istringstream dirs(path ? path : "/usr/bin:/bin");
+    for (std::string dir; std::getline(dirs, dir, ':');) {
+        const std::string candidate = (dir.empty() ? "." : dir) + "/" + program;
+        if (access(candidate.c_str(), X_OK) == 0)
+            return candidate;
+    }
+    return program;
+}
+
+// In a cross build the tests themselves run under an emulator (qemu-user), which cannot start
+// another program of the target machine by a plain exec: such a program gets the emulator put
+// in front of it. A preload is meant for the program, not for the emulator that runs it, so it
+// travels as the emulator's -E option. Everything else (scripts, host tools) runs as it is.
+std::vector<std::string> command_for(const std::vector<std::string>& argv) {
+    const std::string program = resolve_program(argv[0]);
+    if (elf_machine(program) != EM_NONE && elf_machine(program) == elf_machine("/proc/self/exe")) {
+        std::vector<std::string> command;
+        std::istringstream words(ORCA_TEST_EMULATOR);
+        for (std::string word; std::getline(words, word, '|');)
+            command.push_back(word);
+        if (const char* preload = getenv("LD_PRELOAD")) {
+            command.push_back("-E");
+            command.push_back(std::string("LD_PRELOAD=") + preload);
+            unsetenv("LD_PRELOAD");
+        }
+        command.insert(command.end(), {"-0", argv[0], program});
+        command.insert(command.end(), argv.begin() + 1, argv.end());
+        return command;
+    }
+    return argv;
+}
+#else
+std::vector<std::string> command_for(const std::vector<std::string>& argv) {
+    return argv;
+}
+#endif
 
 }  // namespace
 
@@ -50,8 +105,9 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
         }
         if (!options.working_dir.empty() && chdir(options.working_dir.c_str()) != 0)
             _exit(126);
+        const std::vector<std::string> command = command_for(argv);
         std::vector<char*> args;
-        for (const auto& a : argv)
+        for (const auto& a : command)
             args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
         execvp(args[0], args.data());
