@@ -132,7 +132,9 @@ double _calc_input_bitrate_mbps(int next_position, const std::vector<uint64_t>& 
     }
     const double span_ns =
         static_cast<double>(frame_times_ns[newest]) - static_cast<double>(frame_times_ns[oldest]);
-    if (!(span_ns > 0))
-        return 0.0;  // no time has passed (or the clock stepped back): nothing to measure
+    // Two equal times would give an infinite rate. A negative span is measured as it
+    // stands: at write position 0 the entry taken as newest is the oldest of a full ring.
+    if (span_ns == 0)
+        return 0.0;
     return (sum / 1000000.0 * 8.0) / (span_ns / 1000000000.0);
 }
