@@ -57,11 +57,11 @@ TEST_F(AdjustFec, ShortfallBecomesDebtThatLaterFramesPayOff) {
 
 TEST(InputBitrate, SumsEveryFrameOverTheSpanOfTheRing) {
     EXPECT_EQ(_calc_input_bitrate_mbps(1, {1000}, {0}), 0.0);
-    // A full ring of 60 frames of 1000 bytes (0.48 Mbit), 10 ms apart.
+    // A full ring of 60 frames of 1000 bytes (0.48 Mbit), 10 ms apart on the wall clock.
     std::vector<uint64_t> sizes(60, 1000);
     std::vector<int64_t> times(60);
     for (int i = 0; i < 60; ++i)
-        times[i] = i * 10000000LL;
+        times[i] = 1700000000123456789 + i * 10000000LL;
     // Written up to index 59, the position is back at 0: index 0, the oldest frame, is taken
     // as the newest, and the span to index 1 is -10 ms.
     EXPECT_DOUBLE_EQ(_calc_input_bitrate_mbps(0, sizes, times), 0.48 / -0.01);
