@@ -81,7 +81,8 @@ int adjust_fec(int frame_budget, int frame_size, vtx_config_t* config, int nal_t
                                 : 0;
     const float wire = static_cast<float>(int64_t{frame_size} + packets * overhead);
     // A frame with nothing on the wire leaves the whole budget to FEC.
-    const int pct = wire > 0 ? clamp_to_int32(budget / wire * 100.0f) - 100 : INT_MAX;
+    const int64_t pct =
+        wire > 0 ? int64_t{clamp_to_int32(budget / wire * 100.0f)} - 100 : INT64_MAX;
 
     int chosen;
     if (pct < kMinFecPercent) {
@@ -92,7 +93,7 @@ int adjust_fec(int frame_budget, int frame_size, vtx_config_t* config, int nal_t
             fec_debt_bytes =
                 clamp_to_int32(static_cast<double>(fec_debt_bytes) + std::trunc(missing));
     } else {
-        chosen = pct > cap ? cap : pct;
+        chosen = pct > cap ? cap : static_cast<int>(pct);
     }
     config->fec_percent = chosen;
 

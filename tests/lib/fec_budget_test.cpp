@@ -1,3 +1,5 @@
+#include <climits>
+
 #include <gtest/gtest.h>
 
 #include "orca-vtx-helpers.h"
@@ -53,6 +55,9 @@ TEST_F(AdjustFec, ShortfallBecomesDebtThatLaterFramesPayOff) {
         EXPECT_EQ(adjust_fec(10000, 4000, &config, key_type, 30, 29), 111);
         EXPECT_EQ(fec_debt_bytes, 0);
     }
+    profile.mtu = 0;  // one byte on the wire against a budget far below nothing: still 75 %
+    adjust_fec(INT_MIN, 1, &config, 1, 0, 0);
+    EXPECT_EQ(config.fec_percent, 75);
 }
 
 TEST(InputBitrate, SumsEveryFrameOverTheSpanOfTheRing) {
