@@ -81,7 +81,8 @@ int adjust_fec(int frame_budget, int frame_size, vtx_config_t* config, int nal_t
                                 : 0;
     const float wire = static_cast<float>(int64_t{frame_size} + packets * overhead);
     // A frame with nothing on the wire leaves the whole budget to FEC.
-    const int pct = wire > 0 ? clamp_to_int32(budget / wire * 100.0f) - 100 : INT_MAX;
+    const int64_t pct =
+        wire > 0 ? int64_t{clamp_to_int32(budget / wire * 100.0f)} - 100 : INT64_MAX;
 
     int chosen;
     if (pct < kMinFecPercent) {
@@ -92,7 +93,7 @@ int adjust_fec(int frame_budget, int frame_size, vtx_config_t* config, int nal_t
             fec_debt_bytes =
                 clamp_to_int32(static_cast<double>(fec_debt_bytes) + std::trunc(missing));
     } else {
-        chosen = pct > cap ? cap : pct;
+        chosen = pct > cap ? cap : static_cast<int>(pct);
     }
     config->fec_percent = chosen;
 
@@ -109,7 +110,7 @@ double _calc_input_bitrate_mbps(int next_position, const std::vector<uint64_t>& 
                                 const std::vector<int64_t>& frame_times_ns) {
     constexpr int kRing = 60;
     const int count = static_cast<int>(frame_sizes.size());
-    if (frame_sizes.size() < 2 || frame_times_ns.size() < 2 || count > kRing)
+    if (frame_sizes.size() < 2 || frame_times_ns.size() < 2 || count > kRing || next_position < 0)
         return 0.0;
     const int newest = next_position == 0 ? 0 : next_position - 1;
     int oldest = newest - count + 1;
@@ -123,16 +124,22 @@ double _calc_input_bitrate_mbps(int next_position, const std::vector<uint64_t>& 
         return 0.0;
 
     // Every entry is summed, newest to oldest: one frame more than the time span covers.
-    double sum = 0.0;
+    uint64_t sum = 0;
     for (int k = 0, i = newest; k < count; ++k) {
         if (!inside(i))
             return 0.0;
-        sum += static_cast<double>(frame_sizes[i]);
+        sum += frame_sizes[i];
         i = i == 0 ? kRing - 1 : i - 1;
     }
-    const double span_ns =
-        static_cast<double>(frame_times_ns[newest]) - static_cast<double>(frame_times_ns[oldest]);
-    if (!(span_ns > 0))
-        return 0.0;  // no time has passed (or the clock stepped back): nothing to measure
-    return (sum / 1000000.0 * 8.0) / (span_ns / 1000000000.0);
+    // The times are subtracted as integers: clock readings since the epoch are beyond what
+    // a double holds to the nanosecond.
+    int64_t span_ns = 0;
+    if (__builtin_sub_overflow(frame_times_ns[newest], frame_times_ns[oldest], &span_ns))
+        return 0.0;
+    // Two equal times would give an infinite rate. A negative span is measured as it
+    // stands: at write position 0 the entry taken as newest is the oldest of a full ring.
+    if (span_ns == 0)
+        return 0.0;
+    return (static_cast<double>(sum) / 1000000.0 * 8.0) /
+           (static_cast<double>(span_ns) / 1000000000.0);
 }

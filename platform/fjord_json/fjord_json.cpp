@@ -50,10 +50,14 @@ int replace_file(const char* path, const std::string& content) {
         return -1;
     }
     fchmod(fd, 0644);
-    const bool written = write_all(fd, content.data(), content.size()) && fsync(fd) == 0;
-    const int saved_errno = errno;
-    if (close(fd) != 0 || !written) {
-        std::fprintf(stderr, "Error: cannot write %s: %s\n", path, std::strerror(saved_errno));
+    bool written = write_all(fd, content.data(), content.size()) && fsync(fd) == 0;
+    int error = written ? 0 : errno;
+    if (close(fd) != 0 && written) {
+        written = false;
+        error = errno;
+    }
+    if (!written) {
+        std::fprintf(stderr, "Error: cannot write %s: %s\n", path, std::strerror(error));
         unlink(temp.c_str());
         return -1;
     }

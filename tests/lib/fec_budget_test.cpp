@@ -1,3 +1,5 @@
+#include <climits>
+
 #include <gtest/gtest.h>
 
 #include "orca-vtx-helpers.h"
@@ -53,17 +55,25 @@ TEST_F(AdjustFec, ShortfallBecomesDebtThatLaterFramesPayOff) {
         EXPECT_EQ(adjust_fec(10000, 4000, &config, key_type, 30, 29), 111);
         EXPECT_EQ(fec_debt_bytes, 0);
     }
+    profile.mtu = 0;  // one byte on the wire against a budget far below nothing: still 75 %
+    adjust_fec(INT_MIN, 1, &config, 1, 0, 0);
+    EXPECT_EQ(config.fec_percent, 75);
 }
 
 TEST(InputBitrate, SumsEveryFrameOverTheSpanOfTheRing) {
     EXPECT_EQ(_calc_input_bitrate_mbps(1, {1000}, {0}), 0.0);
-    // A full ring written up to index 9: 60 frames of 1000 bytes from index 10 on, 10 ms
-    // apart, all summed over the 0.59 s between the oldest and the newest.
+    // A full ring of 60 frames of 1000 bytes (0.48 Mbit), 10 ms apart on the wall clock.
     std::vector<uint64_t> sizes(60, 1000);
     std::vector<int64_t> times(60);
     for (int i = 0; i < 60; ++i)
-        times[i] = (i < 10 ? i + 60 : i) * 10000000LL;
-    EXPECT_DOUBLE_EQ(_calc_input_bitrate_mbps(10, sizes, times), 60 * 1000 * 8 / 1e6 / 0.59);
+        times[i] = 1700000000123456789 + i * 10000000LL;
+    // Written up to index 59, the position is back at 0: index 0, the oldest frame, is taken
+    // as the newest, and the span to index 1 is -10 ms.
+    EXPECT_DOUBLE_EQ(_calc_input_bitrate_mbps(0, sizes, times), 0.48 / -0.01);
+    // Ten more frames over indices 0 to 9: all 60 summed over the 0.59 s from index 10 to 9.
+    for (int i = 0; i < 10; ++i)
+        times[i] += 600000000;
+    EXPECT_DOUBLE_EQ(_calc_input_bitrate_mbps(10, sizes, times), 0.48 / 0.59);
     // Positions outside the rings as filled, or no time passing, measure nothing.
     EXPECT_EQ(_calc_input_bitrate_mbps(0, {1, 2, 3}, {1, 2, 3}), 0.0);
     EXPECT_EQ(_calc_input_bitrate_mbps(2, {1, 2}, {5, 5}), 0.0);

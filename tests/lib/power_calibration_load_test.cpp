@@ -59,6 +59,9 @@ TEST(PowerCalibrationLoad, FallsBackToTheEmbeddedDefaultAndAlwaysNormalises) {
     PowerCalibrationMap untouched{{0, {{1, 1}}}, {2, {{2, 2}}}};
     normalizeMcsCoverage(untouched);
     EXPECT_EQ(untouched, (PowerCalibrationMap{{0, {{1, 1}}}, {2, {{2, 2}}}}));
+    EXPECT_EQ(capture_output([&] { printPowerMap(untouched); }).err,
+              "MCS Index: 0\n  Output Power (mW): 1 -> Power Index: 1\n\n"
+              "MCS Index: 2\n  Output Power (mW): 2 -> Power Index: 2\n\n");
 }
 
 }  // namespace

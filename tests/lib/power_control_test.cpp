@@ -126,6 +126,21 @@ TEST_F(PowerFeedback, LeavesTheIndexAloneWhenNothingIsToBeDone) {
               "Failed to set requested power setting.\n");
 }
 
+TEST_F(PowerFeedback, StopsAtTheEndsOfTheIndexRangeKeepingOnlyTheStepDown) {
+    profile.power_idx = 62;
+    control.step_count = 1;
+    measure({50, 50});  // 63 is written; 64 is not, and that step is taken back
+    EXPECT_EQ(written(), std::vector{63});
+    EXPECT_EQ(control.index_offset, 1);
+    EXPECT_FALSE(control.active);
+    profile.power_idx = 1;
+    control = PowerControl{false, true, 1, 0, 0, 3};
+    measure({500});  // index 0 is not written, but the offset keeps the step down
+    EXPECT_EQ(written(), std::vector{63});
+    EXPECT_EQ(control.index_offset, -1);
+    EXPECT_FALSE(control.active);
+}
+
 TEST_F(PowerFeedback, SteadyStateHoldsTheLevelOnFullWindowsOfMeasurements) {
     control.active = false;
     control.low_limit_mw = 95;
