@@ -5,6 +5,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 
@@ -19,6 +21,8 @@ constexpr uint8_t kStartSequence = 0x1E;
 
 constexpr int kFixedSamples = 60;
 constexpr double kFixedPauseSeconds = 0.001;
+// About 68 years: fits a time_t everywhere, and no operator waits longer for a line.
+constexpr double kLongestPauseSeconds = INT32_MAX;
 
 // Selecting the converter fails only when the bus itself is gone: the descriptor is closed
 // so that the caller reopens it.
@@ -61,13 +65,20 @@ void read_temperature(int fd, SensorReading* reading) {
     reading->temperature_valid = 1;
 }
 
+// The pause after each sequence, in whole microseconds (the fraction is dropped). An absurd
+// pause is cut to the longest one rather than overflow the conversion and become none.
 void pause_for(double seconds) {
-    const long long microseconds = static_cast<long long>(seconds * 1000000);
-    if (microseconds <= 0)
+    const double microseconds = std::trunc(seconds * 1e6);
+    if (!(microseconds >= 1.0))
         return;
     timespec pause{};
-    pause.tv_sec = static_cast<time_t>(microseconds / 1000000);
-    pause.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;
+    if (microseconds >= kLongestPauseSeconds * 1e6) {
+        pause.tv_sec = static_cast<time_t>(kLongestPauseSeconds);
+    } else {
+        const auto whole = static_cast<long long>(microseconds);
+        pause.tv_sec = static_cast<time_t>(whole / 1000000);
+        pause.tv_nsec = static_cast<long>(whole % 1000000) * 1000;
+    }
     nanosleep(&pause, nullptr);
 }
 

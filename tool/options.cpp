@@ -298,7 +298,8 @@ RunMode parse_arguments(int argc, char* argv[]) {
             if (value == nullptr)
                 return usage_error(program, "Error: -adjust-mW requires a numeric value.\n");
             const double mw = strtod(value, nullptr);
-            // Written so that NaN fails too: a power search towards NaN dBm has no end.
+            // Written so that NaN fails too: a search towards NaN dBm can only fail, and it
+            // would leave the radio on the last index it tried.
             if (!(mw >= 5.0 && mw <= 1000.0))
                 return error("Error: mW value must be between 5 and 1000.\n");
             desired_dBm = 10.0 * log10(mw);

@@ -67,6 +67,23 @@ TEST_F(ReadCycleTest, FixedCycleFollowsTheSetUpSequenceAndPausesSixtyMillisecond
     EXPECT_EQ(reading_.temperature_c, 25.0f);
 }
 
+TEST_F(ReadCycleTest, PauseIsWholeMicrosecondsAfterEachSequence) {
+    const struct {
+        double pause_seconds;
+        uint64_t each_ns;
+    } cases[] = {
+        {2.9e-6, 2000},
+        {5e-7, 0},
+        // Far beyond any clock: the longest pause, never none.
+        {1e14, 2147483647ull * 1000000000ull},
+    };
+    for (const auto& c : cases) {
+        const uint64_t waited = board_sim::wait_time_ns();
+        ASSERT_EQ(process_sensor_data(&reading_, fd_, 0, 5800, 2, c.pause_seconds), 0);
+        EXPECT_EQ(board_sim::wait_time_ns() - waited, 2 * c.each_ns) << c.pause_seconds;
+    }
+}
+
 TEST_F(ReadCycleTest, PeaksAreConvertedWithTheRadiosBandAndMcs) {
     board_sim::queue_adc_buffer(buffer_of(0x1000, 0x2000));
     board_sim::queue_adc_buffer(buffer_of(0x0800, 0x4000));
