@@ -2,7 +2,6 @@
 // Usage: pipe-test-publisher PIPE_DIR ACTION...
 //   wait-client            wait until a client is connected
 //   record F M P           one good record (frequency, MCS, power index)
-//   partial N              the first N bytes of a good record
 //   bad-magic F M P        a record with a wrong magic number
 //   flood N                N writes of random bytes and lengths, never a good record
 //   until-gone F M P       a good record every 5 ms until no client is left
@@ -55,10 +54,6 @@ int main(int argc, char* argv[]) {
             VtxLatencyRecord record = make_record(&argv[i + 1]);
             pipe_server_write(0, &record, sizeof record);
             i += 3;
-        } else if (action == "partial" && i + 1 < argc) {
-            VtxLatencyRecord record = {};
-            record.magic_number = kMagic;
-            pipe_server_write(0, &record, atoi(argv[++i]));
         } else if (action == "bad-magic" && i + 3 < argc) {
             VtxLatencyRecord record = make_record(&argv[i + 1], 0x12345678);
             pipe_server_write(0, &record, sizeof record);
