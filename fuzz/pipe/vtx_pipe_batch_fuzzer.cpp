@@ -1,9 +1,9 @@
 // Feeds arbitrary batches through the vtx_latency validator and data callback: the radio
 // state may only ever take the values of the last record of a wholly good batch.
 //
-// Input: a series of chunks, each [flags][length, 2 bytes little-endian][bytes]. Flags:
-// bit 0 stamps the magic number into every whole record, so that good batches are
-// common; bit 1 passes a negative length; bit 2 passes a null pointer.
+// Input: a series of chunks, each [flags][length, 2 bytes little-endian][bytes]. Flag bit 0
+// stamps the magic number into every whole record, so that good batches are common.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -33,36 +33,32 @@ void check(bool ok, const char* what) {
 
 void run_batch(uint8_t flags, std::vector<char>& bytes) {
     const int size = static_cast<int>(bytes.size());
-    if (flags & 1) {
-        for (int at = 0; at + kRecord <= size; at += kRecord)
+    // An empty vector may have no buffer at all: a null pointer is never a good batch.
+    bool good = bytes.data() != nullptr && size % kRecord == 0;
+    for (int at = 0; at + kRecord <= size; at += kRecord) {
+        if (flags & 1)
             memcpy(&bytes[static_cast<size_t>(at)], &kMagic, sizeof kMagic);
+        good = good && static_cast<uint32_t>(field(bytes, static_cast<size_t>(at))) == kMagic;
     }
-    const int length = (flags & 2) ? -1 - size : size;
-    char* data = (flags & 4) ? nullptr : bytes.data();
-
-    bool good = data != nullptr && length >= 0 && length % kRecord == 0;
-    for (int at = 0; good && at < length; at += kRecord)
-        good = static_cast<uint32_t>(field(bytes, static_cast<size_t>(at))) == kMagic;
 
     int count = -1;
-    VtxLatencyRecord* records = orca_vtx_validate_pipe_data(data, length, &count);
-    check(good == (records != nullptr), "validator verdict");
-    check(count == (good ? length / kRecord : 0), "record count");
-    if (records != nullptr)
-        check(reinterpret_cast<char*>(records) == data, "validator returned other memory");
+    VtxLatencyRecord* records = orca_vtx_validate_pipe_data(bytes.data(), size, &count);
+    check(records == (good ? reinterpret_cast<VtxLatencyRecord*>(bytes.data()) : nullptr),
+          "validator verdict");
+    check(count == (good ? size / kRecord : 0), "record count");
 
     const int before[3] = {g_frequency, g_mcs, g_power_idx};
     g_vtx_data_updated = false;
-    _vtx_data_cb(0, data, length, nullptr);
-    if (good && length > 0) {
-        const size_t last = static_cast<size_t>(length - kRecord);
+    _vtx_data_cb(0, bytes.data(), size, nullptr);
+    if (good && size > 0) {
+        const size_t last = static_cast<size_t>(size - kRecord);
         check(g_vtx_data_updated, "good batch not flagged");
-        check(g_power_idx == field(bytes, last + 65), "power index of the last record");
-        check(g_frequency == field(bytes, last + 69), "frequency of the last record");
-        check(g_mcs == field(bytes, last + 73), "MCS of the last record");
+        check(g_power_idx == field(bytes, last + 65) && g_frequency == field(bytes, last + 69) &&
+                  g_mcs == field(bytes, last + 73),
+              "radio state is not that of the last record");
     } else {
-        check(!g_vtx_data_updated, "bad or empty batch flagged");
-        check(g_frequency == before[0] && g_mcs == before[1] && g_power_idx == before[2],
+        check(!g_vtx_data_updated && g_frequency == before[0] && g_mcs == before[1] &&
+                  g_power_idx == before[2],
               "bad or empty batch changed the radio state");
     }
 }
@@ -79,13 +75,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
-    size_t at = 0;
-    while (at + 3 <= size) {
+    for (size_t at = 0; at + 3 <= size;) {
         const uint8_t flags = input[at];
-        size_t length = input[at + 1] | static_cast<size_t>(input[at + 2]) << 8;
+        const size_t length = std::min<size_t>(input[at + 1] | input[at + 2] << 8, size - at - 3);
         at += 3;
-        if (length > size - at)
-            length = size - at;
         // An exact-size copy, so that any read past the batch is caught.
         std::vector<char> bytes(input + at, input + at + length);
         run_batch(flags, bytes);

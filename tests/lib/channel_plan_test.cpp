@@ -60,7 +60,6 @@ TEST(Tuning, CommandByChipFrequencyAndWidth) {
         {"pci:ath9k", 5240, 20, 1, "iw dev wlan0 set freq 5240 HT20"},
         {"pci:ath9k", 2462, 40, 1, "iw dev wlan0 set freq 2462 HT40-"},
         {"pci:ath9k", 2484, 40, 1, "iw dev wlan0 set freq 2484"},
-        {"pci:ath9k", 5500, 40, 0, "iw dev wlan0 set freq 5500 HT40+"},
     };
     for (const auto& c : cases) {
         commands.answer("ls", std::string(c.driver) + "\n");

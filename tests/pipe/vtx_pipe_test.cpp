@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "capture_output.h"
-#include "fjord_pipe.h"
 #include "i2c-monitor.h"
 #include "orca-vtx-helpers.h"
 #include "vtx_pipe.h"
@@ -16,10 +15,7 @@ namespace {
 // An 81-byte record laid out by hand at its wire offsets.
 std::string wire_record(int frequency, int mcs, int power_index, uint32_t magic = 0x4F524341) {
     std::string bytes(81, '\0');
-    const double temperature = 41.5, dbm = 22.25;
     memcpy(&bytes[0], &magic, 4);
-    memcpy(&bytes[45], &temperature, 8);
-    memcpy(&bytes[53], &dbm, 8);
     memcpy(&bytes[65], &power_index, 4);
     memcpy(&bytes[69], &frequency, 4);
     memcpy(&bytes[73], &mcs, 4);
@@ -31,32 +27,29 @@ const std::string kPrefix = "ERROR validating VTX data received through pipe: ";
 }  // namespace
 
 TEST(VtxLatencyValidator, AcceptsWholeRecordsWithTheMagicNumberOnly) {
-    std::string three =
+    std::string good =
         wire_record(5180, 1, 10) + wire_record(5200, 2, 20) + wire_record(5745, 3, 30);
-    std::string bad_second = wire_record(5180, 1, 10) + wire_record(5200, 2, 20, 0x12345678);
     // Every record is checked, and the magic prints as a signed number.
-    std::string two_bad =
-        wire_record(1, 1, 1, 0xFFFFFFFF) + wire_record(2, 2, 2) + wire_record(3, 3, 3, 0x41435246);
+    std::string bad =
+        wire_record(1, 1, 1, 0xFFFFFFFF) + wire_record(2, 2, 2) + wire_record(3, 3, 3, 0x12345678);
+    const std::string partial = kPrefix + "read partial packet\nread 8";
+    const std::string wrong = "ERROR got magic number 305419896, expected 1330791233\n";
     const struct {
         char* data;
         int length;
         int count;  // -1: rejected
         std::string errors;
     } cases[] = {
-        {three.data(), 243, 3, ""},
-        {three.data(), 0, 0, ""},
-        {three.data(), 80, -1,
-         kPrefix + "read partial packet\nread 80 bytes, but it should be a multiple of 81\n"},
-        {three.data(), 82, -1,
-         kPrefix + "read partial packet\nread 82 bytes, but it should be a multiple of 81\n"},
-        {bad_second.data(), 162, -1,
-         "ERROR got magic number 305419896, expected 1330791233\n" + kPrefix +
-             "1 of 2 packets failed\n"},
-        {two_bad.data(), 243, -1,
-         "ERROR got magic number -1, expected 1330791233\n"
-         "ERROR got magic number 1094931014, expected 1330791233\n" +
-             kPrefix + "2 of 3 packets failed\n"},
-        {three.data(), -5, -1, kPrefix + "number of bytes = -5\n"},
+        {good.data(), 243, 3, ""},
+        {good.data(), 81, 1, ""},
+        {good.data(), 0, 0, ""},
+        {good.data(), 80, -1, partial + "0 bytes, but it should be a multiple of 81\n"},
+        {good.data(), 82, -1, partial + "2 bytes, but it should be a multiple of 81\n"},
+        {bad.data() + 81, 162, -1, wrong + kPrefix + "1 of 2 packets failed\n"},
+        {bad.data(), 243, -1,
+         "ERROR got magic number -1, expected 1330791233\n" + wrong + kPrefix +
+             "2 of 3 packets failed\n"},
+        {good.data(), -5, -1, kPrefix + "number of bytes = -5\n"},
         {nullptr, 81, -1, kPrefix + "got NULL data pointer\n"},
     };
     for (const auto& c : cases) {
@@ -68,9 +61,6 @@ TEST(VtxLatencyValidator, AcceptsWholeRecordsWithTheMagicNumberOnly) {
         EXPECT_EQ(count, c.count < 0 ? 0 : c.count) << c.length;
         EXPECT_EQ(records, c.count < 0 ? nullptr : reinterpret_cast<VtxLatencyRecord*>(c.data));
     }
-    const int third_frequency =
-        reinterpret_cast<VtxLatencyRecord*>(three.data())[2].frequency_mhz;  // packed
-    EXPECT_EQ(third_frequency, 5745);
 }
 
 TEST(VtxDataCallback, TakesTheLastRecordOfAGoodBatchOnly) {
@@ -86,19 +76,11 @@ TEST(VtxDataCallback, TakesTheLastRecordOfAGoodBatchOnly) {
     deliver(wire_record(2412, 2, 20) + wire_record(5745, 3, 30, 0), 162);
     deliver(wire_record(2412, 2, 20) + "x", 82);
     deliver("", 0);
-    deliver(wire_record(2412, 2, 20), -1);
     EXPECT_FALSE(g_vtx_data_updated);
 
     int mcs = -1, frequency = -1, power_index = -1;
     get_vtx_config(&mcs, &frequency, &power_index);
-    EXPECT_EQ(std::vector<int>({mcs, frequency, power_index}), std::vector<int>({4, 5200, 42}));
-    EXPECT_EQ(std::vector<int>({g_global_mcs, g_global_frequency, g_global_power_idx}),
-              std::vector<int>({4, 5200, 42}));
-}
-
-TEST(VtxPipeInit, OpensOnTheFixedPathWithoutAPublisher) {
-    EXPECT_EQ(init_vtx_pipe(), 0);  // only connects; creates nothing under /run/fjp/
-    EXPECT_STREQ(VTX_PIPE_PATH, "/run/fjp/vtx_latency");
-    EXPECT_LT(init_vtx_pipe(), 0);
-    pipe_client_close_all();
+    EXPECT_EQ(std::vector<int>({mcs, frequency, power_index, g_global_mcs, g_global_frequency,
+                                g_global_power_idx}),
+              std::vector<int>({4, 5200, 42, 4, 5200, 42}));
 }
