@@ -12,11 +12,11 @@ namespace {
 using board_sim::BusOp;
 using orca_test::capture_output;
 
-// Power index i reads as i × step dBm.
-std::vector<double> curve(double step) {
+// Power index i reads as i × step dBm, but as 0.0 at index `zero_at`.
+std::vector<double> curve(double step, int zero_at = 0) {
     std::vector<double> dbm;
     for (int i = 1; i <= 60; ++i)
-        dbm.push_back(i * step);
+        dbm.push_back(i == zero_at ? 0.0 : i * step);
     return dbm;
 }
 
@@ -31,13 +31,14 @@ class PowerAdjustTest : public orca_test::BoardTest {
         g_global_mcs = 0;
     }
     // The indices the simulated service was asked for, in order; the log starts afresh.
-    std::vector<int> applied() {
+    std::string applied() {
         const std::string path = board_sim::sandbox_root() + "/commands.log";
         const std::string log = orca_test::read_file(path);
         std::remove(path.c_str());
-        std::vector<int> indices;
+        std::string indices;
         for (size_t at = log.find("-p "); at != std::string::npos; at = log.find("-p ", at + 1))
-            indices.push_back(std::atoi(log.c_str() + at + 3));
+            indices +=
+                (indices.empty() ? "" : " ") + std::to_string(std::atoi(log.c_str() + at + 3));
         return indices;
     }
     // The channel-1 detector at the given power index for the next read cycles (60
@@ -63,33 +64,29 @@ TEST_F(PowerAdjustTest, ThreeReadingsGiveTheirMedianOrTheMeanOfThoseThatWorked) 
               "Taking reading 3 of 3...\nReading 3 complete: 11.00 dBm\n"
               "Using median value: 11.00 dBm\n");
     EXPECT_EQ(reading_.ch1_dbm, 11.0);
-    EXPECT_EQ(applied(), std::vector<int>{5});
+    EXPECT_EQ(applied(), "5");
     // Settle 250 ms, 100 ms before readings 2 and 3, 60 pauses of 1 ms per cycle.
     EXPECT_EQ(board_sim::wait_time_ns() - waited, 630'000'000u);
 
-    // The second reading's cycle fails (the 61st buffer read), its retry too, or not.
-    const struct {
-        int failing_reads;
-        std::vector<int> cycles;
-        double result;
-        const char* shown;
-    } cases[] = {
-        {2,
-         {10, -1, -1, 13},
-         11.5,
-         "Reading 2 failed, retrying...\nFailed to read data buffer entries, retrying in 5 "
-         "seconds...\nReading 2 failed again!\nTaking reading 3 of 3...\n"
-         "Reading 3 complete: 13.00 dBm\nGot 2 valid readings out of 3 expected\n"
-         "Using average of valid readings: 11.50 dBm\n"},
-        {1, {20, -1, 22, 21}, 21, "Reading 2 failed, retrying...\nReading 2 complete: 22.00 dBm\n"},
-    };
-    for (const auto& c : cases) {
-        board_sim::set_faults({{BusOp::kRead, 0x1d, 61, c.failing_reads}});
-        queue_cycles(c.cycles);
-        printed = capture_output(
-            [&] { EXPECT_EQ(apply_power_and_read_dbm(fd_, 6, &reading_, 5.1), c.result); });
-        EXPECT_NE(printed.out.find(c.shown), std::string::npos) << printed.out;
-    }
+    // The second reading's cycle (the 61st buffer read) fails and so does its retry: the mean
+    // of the other two. Then only the first try fails, and the retry counts.
+    board_sim::set_faults({{BusOp::kRead, 0x1d, 61, 2}});
+    queue_cycles({10, -1, -1, 13});
+    printed =
+        capture_output([&] { EXPECT_EQ(apply_power_and_read_dbm(fd_, 6, &reading_, 5.1), 11.5); });
+    EXPECT_NE(printed.out.find("Reading 2 failed, retrying...\nFailed to read data buffer entries, "
+                               "retrying in 5 seconds...\nReading 2 failed again!\n"
+                               "Taking reading 3 of 3...\nReading 3 complete: 13.00 dBm\n"
+                               "Got 2 valid readings out of 3 expected\n"
+                               "Using average of valid readings: 11.50 dBm\n"),
+              std::string::npos)
+        << printed.out;
+    board_sim::set_faults({{BusOp::kRead, 0x1d, 61, 1}});
+    queue_cycles({20, -1, 22, 21});
+    printed =
+        capture_output([&] { EXPECT_EQ(apply_power_and_read_dbm(fd_, 6, &reading_, 5.1), 21); });
+    EXPECT_NE(printed.out.find("Reading 2 failed, retrying...\nReading 2 complete: 22.00 dBm\n"),
+              std::string::npos);
 
     // 2.4 takes channel 0, where the 5 GHz figure is the idle detector's.
     ASSERT_EQ(board_sim::update_board_state([](auto* s) { s->frequency_mhz = 2412; }), 0);
@@ -106,7 +103,7 @@ TEST_F(PowerAdjustTest, RefusedLevelsAndUnknownRadioStateReadAsFailure) {
         EXPECT_EQ(printed.err,
                   "Invalid power level " + std::to_string(level) + ". Must be between 1 and 60.\n");
     }
-    EXPECT_TRUE(applied().empty());
+    EXPECT_EQ(applied(), "");
 
     // Never told the radio state: every cycle fails on MCS -9999; the level is still set,
     // and the search takes -1.0 as a reading far below the target and climbs.
@@ -121,41 +118,60 @@ TEST_F(PowerAdjustTest, RefusedLevelsAndUnknownRadioStateReadAsFailure) {
     EXPECT_NE(printed.out.find("Reading 3 failed again!\nAll readings failed or were skipped!\n"
                                "Testing power level 30 -> -1.0 dBm\n"),
               std::string::npos);
-    EXPECT_EQ(applied(), (std::vector<int>{9, 30, 45, 53, 57, 59, 60, 30}));
+    EXPECT_EQ(applied(), "9 30 45 53 57 59 60 30");
     EXPECT_EQ(chosen, 30);
     EXPECT_FALSE(adjust);
 }
 
-TEST_F(PowerAdjustTest, SearchQuantisesAndLimitsTheTargetAndKeepsToItsBands) {
+TEST_F(PowerAdjustTest, SearchBisectsThenScansWithinItsTargetAndBandLimits) {
     const std::string refused =
         "Error: Invalid frequency band. Must be 2.4, 5.1, or 5.8 GHz band.\n";
-    const std::vector<int> to_top{30, 45, 53, 57, 59, 60, 60};
     const struct {
-        double target;
-        double frequency;
-        const char* searched;  // nullptr: refused
+        double target, frequency, step;  // step: the power curve
+        int zero_at;
+        const char* applied;  // the last is the index chosen and set
         std::string err;
-        std::vector<int> applied;
+        const char* shown;  // nullptr: refused, nothing printed
     } cases[] = {
-        {30.2, 5800, "30.00", "Desired dBm is too high. Capping to 30 dBm.\n", to_top},
-        {30.1, 5299, "30.00", "", to_top},
-        {-3.0, 5700, "0.00", "Desired dBm is too low. Setting it to 0.\n", {30, 15, 7, 3, 1, 2, 1}},
-        {20.0, 5320, nullptr, refused, {}},
-        {20.0, 5699, nullptr, refused, {}},
+        {17.13, 5800, 0.5, 0, "30 45 37 33 35 35", "",
+         "to achieve 17.25 dBm at 5.8 GHz...\nStarting binary search for power level...\n"
+         "Target dBm: 17.2\n"},
+        {17.12, 5800, 0.5, 0, "30 45 37 33 35 34 34", "",
+         "Testing power level 34 -> 17.0 dBm\nNew best power level found: 34 (17.0 dBm, 0.0 from "
+         "target)\nFound power level within tolerance!\nOptimal power level found: 34\n"},
+        // The linear scan ends it; of all indices tried 16 and 17 are closest, 16 first.
+        {16.5, 5800, 1.0, 0, "30 15 22 18 16 17 16", "",
+         "Testing power level 17 -> 17.0 dBm\nBinary search complete. Best power level found: 16\n"
+         "Optimal power level found: 16\n"},
+        {20, 5800, 0.5, 30, "30 1", "",
+         "Testing power level 30 -> 0.0 dBm\nDetected 0 dBm reading at high power level 30\n"
+         "This indicates potential signal issues - using minimum power for safety\n"
+         "Binary search complete. Best power level found: 1 (selecting minimum power due to zero "
+         "readings at high power)\nOptimal power level found: 1\n"},
+        {10, 5800, 0.5, 20, "30 15 22 18 20 21 21", "",
+         "Testing power level 20 -> 0.0 dBm\ndBm too low, searching higher range (21 to 21)\n"},
+        {30.2, 5800, 0.5, 0, "30 45 53 57 59 60 60",
+         "Desired dBm is too high. Capping to 30 dBm.\n", "achieve 30.00"},
+        {30.1, 5299, 0.5, 0, "30 45 53 57 59 60 60", "", "achieve 30.00"},
+        {-3.0, 5700, 0.5, 0, "30 15 7 3 1 2 1", "Desired dBm is too low. Setting it to 0.\n",
+         "achieve 0.00"},
+        {20.0, 5320, 0.5, 0, "", refused, nullptr},
+        {20.0, 5699, 0.5, 0, "", refused, nullptr},
     };
-    ASSERT_EQ(board_sim::set_power_curve(curve(0.5)), 0);
-    init_csv_cache_manager();
     for (const auto& c : cases) {
+        ASSERT_EQ(board_sim::set_power_curve(curve(c.step, c.zero_at)), 0);
+        init_csv_cache_manager();
         bool adjust = true;
         int chosen = 77;
         auto printed = capture_output(
             [&] { set_dBm(fd_, &reading_, &adjust, &chosen, c.target, c.frequency); });
         EXPECT_EQ(printed.err, c.err) << c.target;
-        EXPECT_EQ(applied(), c.applied) << c.target << " at " << c.frequency;
-        EXPECT_EQ(chosen, c.applied.empty() ? 77 : c.applied.back());
+        const std::string indices = c.applied;
+        EXPECT_EQ(applied(), indices) << c.target << " at " << c.frequency;
+        EXPECT_EQ(chosen, indices.empty() ? 77 : std::stoi(indices.substr(indices.rfind(' '))));
         EXPECT_FALSE(adjust);
-        if (c.searched)
-            EXPECT_NE(printed.out.find(std::string("achieve ") + c.searched), std::string::npos);
+        if (c.shown)
+            EXPECT_NE(printed.out.find(c.shown), std::string::npos) << printed.out;
         else
             EXPECT_EQ(printed.out, "");
     }

@@ -32,45 +32,33 @@ std::string help_text() {
     return result.out;
 }
 
-bool mentions_option(const std::string& page, const std::string& option) {
-    return std::regex_search(page, std::regex("(^|[^-A-Za-z_])" + option + "($|[^-A-Za-z_])"));
-}
-
-TEST(ManPage, DescribesEveryOptionOfTheHelp) {
+TEST(ManPage, CarriesEveryOptionExampleAndDefaultOfTheHelp) {
     const std::string help = help_text();
     const std::string page = man_page_text();
-    std::set<std::string> options;
-    std::istringstream lines(help);
     const std::regex option_line(R"(^  (-[-A-Za-z_]+)( or ([-A-Za-z_]+))?)");
+    const std::regex example(R"(^  Example: \S+ (.*)$)");
+    std::set<std::string> options;
+    int examples = 0;
+    std::istringstream lines(help);
     for (std::string line; std::getline(lines, line);) {
         std::smatch match;
-        if (!std::regex_search(line, match, option_line))
-            continue;
-        options.insert(match[1]);
-        if (match[3].matched)
-            options.insert(match[3]);
+        if (std::regex_search(line, match, example)) {
+            ++examples;
+            EXPECT_NE(page.find("orca-vtx-i2c-monitor " + match[1].str()), std::string::npos)
+                << match[1];
+        } else if (std::regex_search(line, match, option_line)) {
+            options.insert(match[1]);
+            if (match[3].matched)
+                options.insert(match[3]);
+        }
     }
+    EXPECT_EQ(examples, 3);
     // -d, -s, -p, two -adjust, -calibrate, -fast-calibrate, -f, -m, -temp_test, -mp, -help, help
     EXPECT_EQ(options.size(), 13u) << help;
     for (const std::string& option : options)
-        EXPECT_TRUE(mentions_option(page, option)) << option;
-}
-
-TEST(ManPage, ShowsEveryExampleOfTheHelpAndItsDefaults) {
-    const std::string help = help_text();
-    const std::string page = man_page_text();
-    std::istringstream lines(help);
-    const std::regex example(R"(^  Example: \S+ (.*)$)");
-    int examples = 0;
-    for (std::string line; std::getline(lines, line);) {
-        std::smatch match;
-        if (!std::regex_search(line, match, example))
-            continue;
-        ++examples;
-        EXPECT_NE(page.find("orca-vtx-i2c-monitor " + match[1].str()), std::string::npos)
-            << match[1];
-    }
-    EXPECT_EQ(examples, 3);
+        EXPECT_TRUE(
+            std::regex_search(page, std::regex("(^|[^-A-Za-z_])" + option + "($|[^-A-Za-z_])")))
+            << option;
 
     // The help prints the pause with three decimals; the page gives the exact start value.
     EXPECT_NE(help.find("(default: 300)"), std::string::npos);
