@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "run_process.h"
+#include "board_run.h"
 
 namespace {
 
@@ -16,11 +16,7 @@ const std::string kTool = ORCA_MONITOR_BINARY;
 
 orca_test::ProcessResult on_board(const std::vector<std::string>& options,
                                   const std::vector<std::string>& command) {
-    std::vector<std::string> argv{ORCA_BOARD_SIM};
-    argv.insert(argv.end(), options.begin(), options.end());
-    argv.push_back("--");
-    argv.insert(argv.end(), command.begin(), command.end());
-    return orca_test::run_process(argv);
+    return orca_test::run_on_board(ORCA_BOARD_SIM, options, command).result;
 }
 
 // Every name below a host directory with its size and modification time, or "absent".
