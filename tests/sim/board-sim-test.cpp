@@ -138,7 +138,7 @@ TEST_F(BoardSimTest, FaultsNamingARegisterHitOnlyThatRegister) {
     EXPECT_EQ(transfer(fd_, {{0x01}}), 1);
     EXPECT_EQ(transfer(fd_, {{}, 2}), -1);
 
-    // Malformed specs are refused and leave the faults as they were.
+    // Malformed specs are refused.
     for (const char* bad : {"select:0x1d:reg=0x1e:1", "write:0x1d:reg=0x100:1", "write:0x1d:reg=:1",
                             "write:0x1d:reg=0x1e", "write:0x1d:1:reg=0x1e"}) {
         SCOPED_TRACE(bad);
