@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "board_test.h"
+#include "preload-trace.h"
 #include "target-table.h"
 
 namespace {
@@ -176,6 +177,13 @@ TEST(TargetTable, OneDevicePerBusAndAddress) {
     EXPECT_EQ(table.find(1, 0x48), &sensor);
     EXPECT_EQ(table.find(2, 0x1d), &intruder);
     EXPECT_EQ(table.find(3, 0x1d), nullptr);
+}
+
+TEST(PreloadLookup, AMissingLibcFunctionEndsTheProcessNamingIt) {
+    EXPECT_NE(board_sim::next_definition_or_abort("open"), nullptr);
+    EXPECT_DEATH(board_sim::next_definition_or_abort("orca_no_such_function"),
+                 "board-sim: cannot find the libc function orca_no_such_function after the "
+                 "preload");
 }
 
 }  // namespace
