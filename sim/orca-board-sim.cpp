@@ -27,16 +27,15 @@ namespace {
 volatile sig_atomic_t g_command_pid = 0;
 
 void usage(FILE* out) {
-    std::fprintf(
-        out,
-        "Usage: orca-board-sim [options] -- COMMAND [ARGS...]\n"
-        "  --set KEY=VALUE   board state, e.g. --set adc_bus=3 --set buses=0,1,2,3\n"
-        "  --fault SPEC      inject a bus fault, op:address[:reg=R]:nth[:count[:short]]\n"
-        "  --time-scale X    sleeps wait X times their length in real time (0: instant)\n"
-        "  --root DIR        use DIR as the sandbox and keep it afterwards\n"
-        "  --report FILE     write the virtual time consumed and the unexpected frames to FILE\n"
-        "  --no-publisher    run without the vtx_latency publisher (service not running)\n"
-        "  --help            show this text\n");
+    std::fprintf(out,
+                 "Usage: orca-board-sim [options] -- COMMAND [ARGS...]\n"
+                 "  --set KEY=VALUE   board state, e.g. --set adc_bus=3 --set buses=0,1,2,3\n"
+                 "  --fault SPEC      a bus fault, op:address[:reg=R]:nth[:count[:short]]\n"
+                 "  --time-scale X    sleeps wait X times their length in real time (0: instant)\n"
+                 "  --root DIR        use DIR as the sandbox and keep it afterwards\n"
+                 "  --report FILE     write virtual time and unexpected frames to FILE at the end\n"
+                 "  --no-publisher    run without the vtx_latency publisher (service not running)\n"
+                 "  --help            show this text\n");
 }
 
 std::string own_directory() {
