@@ -44,7 +44,17 @@ BOARD_SIM_API int update_board_state(const std::function<void(BoardState*)>& cha
 
 // Faults of this process, on top of those of the board state; counting starts now.
 BOARD_SIM_API void set_faults(const std::vector<Fault>& faults);
+// The same from the text form of fault.h ("write:0x1d:reg=0x1e:4;read:0x48:1"). Returns 0,
+// or -1 after a message on standard error, leaving the faults as they were.
+BOARD_SIM_API int set_faults(const std::string& specs);
 BOARD_SIM_API void clear_faults();
+
+// Frames that a device on the simulated buses acknowledged without making sense of them,
+// counted over every process of the sandbox since it was made (reset_board keeps the
+// count). A scan's probes and transfers cut short by a fault do not count. Tests on the
+// simulated board expect none unless they send odd frames on purpose; ORCA_SIM_TRACE=bus
+// marks each one.
+BOARD_SIM_API uint64_t unexpected_frames();
 
 // Recording of this process's bus traffic, off until started.
 BOARD_SIM_API void start_recording();

@@ -64,8 +64,24 @@ void set_faults(const std::vector<Fault>& faults) {
         simulation->set_local_faults(faults);
 }
 
+int set_faults(const std::string& specs) {
+    std::vector<Fault> faults;
+    std::string error;
+    if (parse_faults(specs, &faults, &error) != 0) {
+        std::fprintf(stderr, "board-sim: %s\n", error.c_str());
+        return -1;
+    }
+    set_faults(faults);
+    return 0;
+}
+
 void clear_faults() {
-    set_faults({});
+    set_faults(std::vector<Fault>{});
+}
+
+uint64_t unexpected_frames() {
+    Simulation* simulation = Simulation::get();
+    return simulation ? simulation->unexpected_frames() : 0;
 }
 
 void start_recording() {

@@ -37,9 +37,15 @@ int parse_faults(const std::string& text, std::vector<Fault>* faults, std::strin
     for (const std::string& entry : split(text, ';')) {
         if (entry.empty())
             continue;
-        const std::vector<std::string> fields = split(entry, ':');
+        std::vector<std::string> fields = split(entry, ':');
         Fault fault;
-        bool ok = fields.size() >= 3 && fields.size() <= 5;
+        // An optional "reg=R" follows the address.
+        bool ok = fields.size() >= 3;
+        if (ok && fields[2].compare(0, 4, "reg=") == 0) {
+            ok = fields[0] != "select" && parse_number(fields[2].substr(4), 0, 0xff, &fault.reg);
+            fields.erase(fields.begin() + 2);
+        }
+        ok = ok && fields.size() >= 3 && fields.size() <= 5;
         if (ok) {
             if (fields[0] == "select")
                 fault.op = BusOp::kSelect;
@@ -59,7 +65,8 @@ int parse_faults(const std::string& text, std::vector<Fault>* faults, std::strin
             fault.short_transfer = ok;
         }
         if (!ok) {
-            *error = "bad fault \"" + entry + "\" (expected op:address:nth[:count[:short]])";
+            *error =
+                "bad fault \"" + entry + "\" (expected op:address[:reg=R]:nth[:count[:short]])";
             return -1;
         }
         result.push_back(fault);
@@ -72,8 +79,13 @@ std::string format_fault(const Fault& fault) {
     static const char* const kOps[] = {"select", "write", "read"};
     char address[8];
     std::snprintf(address, sizeof address, "0x%02x", fault.address);
-    std::string text = std::string(kOps[static_cast<int>(fault.op)]) + ":" + address + ":" +
-                       std::to_string(fault.nth) + ":" + std::to_string(fault.count);
+    std::string text = std::string(kOps[static_cast<int>(fault.op)]) + ":" + address + ":";
+    if (fault.reg >= 0) {
+        char reg[12];
+        std::snprintf(reg, sizeof reg, "reg=0x%02x:", fault.reg & 0xff);
+        text += reg;
+    }
+    text += std::to_string(fault.nth) + ":" + std::to_string(fault.count);
     if (fault.short_transfer)
         text += ":short";
     return text;

@@ -30,10 +30,10 @@ void usage(FILE* out) {
     std::fprintf(out,
                  "Usage: orca-board-sim [options] -- COMMAND [ARGS...]\n"
                  "  --set KEY=VALUE   board state, e.g. --set adc_bus=3 --set buses=0,1,2,3\n"
-                 "  --fault SPEC      inject a bus fault, op:address:nth[:count[:short]]\n"
+                 "  --fault SPEC      a bus fault, op:address[:reg=R]:nth[:count[:short]]\n"
                  "  --time-scale X    sleeps wait X times their length in real time (0: instant)\n"
                  "  --root DIR        use DIR as the sandbox and keep it afterwards\n"
-                 "  --report FILE     write the virtual time consumed to FILE at the end\n"
+                 "  --report FILE     write virtual time and unexpected frames to FILE at the end\n"
                  "  --no-publisher    run without the vtx_latency publisher (service not running)\n"
                  "  --help            show this text\n");
 }
@@ -117,8 +117,7 @@ int wait_status(pid_t pid) {
     return 128 + WTERMSIG(status);
 }
 
-int write_report(const std::string& path, const std::string& root) {
-    board_sim::SharedBlock* block = board_sim::map_shared_block(root, false);
+int write_report(const std::string& path, const board_sim::SharedBlock* block) {
     FILE* file = std::fopen(path.c_str(), "w");
     if (block == nullptr || file == nullptr) {
         std::fprintf(stderr, "orca-board-sim: cannot write the report %s: %s\n", path.c_str(),
@@ -127,10 +126,22 @@ int write_report(const std::string& path, const std::string& root) {
             std::fclose(file);
         return -1;
     }
-    std::fprintf(file, "wait_ns=%llu\nbus_ns=%llu\n",
+    std::fprintf(file, "wait_ns=%llu\nbus_ns=%llu\nunexpected_frames=%llu\n",
                  static_cast<unsigned long long>(block->wait_ns.load()),
-                 static_cast<unsigned long long>(block->bus_ns.load()));
+                 static_cast<unsigned long long>(block->bus_ns.load()),
+                 static_cast<unsigned long long>(block->unexpected_frames.load()));
     return std::fclose(file) == 0 ? 0 : -1;
+}
+
+// Frames that no simulated device understood mean that the command or the simulator
+// misbehaved; say so whether or not a report was asked for.
+void warn_unexpected_frames(const board_sim::SharedBlock* block) {
+    const unsigned long long count = block ? block->unexpected_frames.load() : 0;
+    if (count > 0)
+        std::fprintf(stderr,
+                     "orca-board-sim: %llu frame%s that no simulated device understood "
+                     "(ORCA_SIM_TRACE=bus shows them)\n",
+                     count, count == 1 ? "" : "s");
 }
 
 }  // namespace
@@ -262,7 +273,9 @@ int main(int argc, char* argv[]) {
         kill(publisher, SIGTERM);
         wait_status(publisher);
     }
-    if (!report.empty() && write_report(report, root) != 0 && status == 0)
+    const board_sim::SharedBlock* block = board_sim::map_shared_block(root, false);
+    warn_unexpected_frames(block);
+    if (!report.empty() && write_report(report, block) != 0 && status == 0)
         return 2;
     if (!keep_sandbox)
         board_sim::remove_tree(root);

@@ -19,6 +19,7 @@
 #include <ctime>
 #include <string>
 
+#include "preload-trace.h"
 #include "simulation.h"
 
 using board_sim::Simulation;
@@ -33,13 +34,6 @@ constexpr int kInstantPollMs = 20;
 // A child that is still starting or working gets this much longer: on a loaded machine it
 // may need more than one slice to answer, and a timeout must mean silence, not slowness.
 constexpr uint64_t kBusyChildPatienceNs = 2000000000;
-
-template <typename Function>
-Function next_definition(const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-#define REAL(name) static const auto real_##name = next_definition<decltype(&::name)>(#name)
 
 uint64_t real_now_ns() {
     timespec now{};

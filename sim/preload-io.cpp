@@ -20,9 +20,13 @@
 #include <cstring>
 #include <vector>
 
+#include "preload-trace.h"
 #include "simulation.h"
 
+using board_sim::kTraceBus;
+using board_sim::kTracePath;
 using board_sim::Simulation;
+using board_sim::trace;
 
 extern "C" {
 int __open_2(const char* path, int flags);
@@ -36,20 +40,16 @@ ssize_t __read_chk(int fd, void* buffer, size_t length, size_t buffer_length);
 
 namespace {
 
-template <typename Function>
-Function next_definition(const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-#define REAL(name) static const auto real_##name = next_definition<decltype(&::name)>(#name)
-
 // The sandboxed form of a path, held for the duration of one call.
 class MappedPath {
   public:
     explicit MappedPath(const char* path, int dirfd = AT_FDCWD) : path_(path) {
         Simulation* simulation = Simulation::get();
-        if (simulation && simulation->map_path(path, buffer_, sizeof buffer_, dirfd))
+        if (simulation && simulation->map_path(path, buffer_, sizeof buffer_, dirfd)) {
             path_ = buffer_;
+            trace(kTracePath, "%s %s -> %s", board_sim::current_call(), path,
+                  buffer_[0] ? buffer_ : "(too long, refused)");
+        }
     }
     operator const char*() const { return path_; }
     bool mapped() const { return path_ == buffer_; }
@@ -80,6 +80,7 @@ bool open_i2c_node(const char* path, int flags, int* result) {
             *result = simulation->open_bus(bus, flags);
             return true;
         case Simulation::NodeKind::kAbsent:
+            trace(kTraceBus, "%s %s: no such bus", board_sim::current_call(), path);
             errno = ENOENT;
             *result = -1;
             return true;
@@ -102,9 +103,11 @@ bool stat_i2c_node(const char* path, struct stat* buffer, int* result) {
             buffer->st_rdev = makedev(89, bus);
             buffer->st_nlink = 1;
             buffer->st_blksize = 4096;
+            trace(kTraceBus, "%s %s: bus %d", board_sim::current_call(), path, bus);
             *result = 0;
             return true;
         case Simulation::NodeKind::kAbsent:
+            trace(kTraceBus, "%s %s: no such bus", board_sim::current_call(), path);
             errno = ENOENT;
             *result = -1;
             return true;
@@ -121,11 +124,13 @@ bool access_i2c_node(const char* path, int mode, int* result) {
         return false;
     switch (simulation->classify_node(path, &bus)) {
         case Simulation::NodeKind::kPresent:
+            trace(kTraceBus, "%s %s: bus %d", board_sim::current_call(), path, bus);
             *result = (mode & X_OK) ? -1 : 0;
             if (*result != 0)
                 errno = EACCES;
             return true;
         case Simulation::NodeKind::kAbsent:
+            trace(kTraceBus, "%s %s: no such bus", board_sim::current_call(), path);
             errno = ENOENT;
             *result = -1;
             return true;

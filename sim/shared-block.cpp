@@ -54,6 +54,7 @@ SharedBlock* map_shared_block(const std::string& sandbox_root, bool create) {
         new (&block->wait_ns) std::atomic<uint64_t>(0);
         new (&block->bus_ns) std::atomic<uint64_t>(0);
         new (&block->state_generation) std::atomic<uint64_t>(0);
+        new (&block->unexpected_frames) std::atomic<uint64_t>(0);
         std::atomic_thread_fence(std::memory_order_release);
         block->magic = kMagic;
     } else if (block->magic != kMagic) {

@@ -33,6 +33,8 @@ void SimAds7142::reset() {
 bool SimAds7142::write(const uint8_t* data, size_t length) {
     if (length == 0)
         return true;  // address phase only: the device acknowledges
+    if (length == 1 && data[0] == 0x00)
+        return true;  // the presence check's lone zero byte: acknowledged, nothing changes
     if (data[0] == kOpRegisterWrite && length == 3) {
         write_register(data[1], data[2]);
         read_source_ = ReadSource::kNone;
@@ -42,15 +44,17 @@ bool SimAds7142::write(const uint8_t* data, size_t length) {
     } else if (data[0] == kOpBufferRead && length == 1) {
         read_source_ = ReadSource::kBuffer;
     } else {
-        // The device acknowledges every byte and ignores frames it does not decode;
-        // count them so that a test can tell.
-        ++unexpected_frames_;
+        // The device acknowledges every byte and ignores frames it does not decode; the
+        // simulation reports them, since the tool never means to send one.
+        unexpected();
         read_source_ = ReadSource::kNone;
     }
     return true;
 }
 
 bool SimAds7142::read(uint8_t* data, size_t length) {
+    if (read_source_ == ReadSource::kNone && length > 0)
+        unexpected();  // no read command came first: these zeros mean nothing
     for (size_t i = 0; i < length; ++i) {
         switch (read_source_) {
             case ReadSource::kRegister:
@@ -68,6 +72,16 @@ bool SimAds7142::read(uint8_t* data, size_t length) {
         }
     }
     return true;
+}
+
+int SimAds7142::register_of_write(const uint8_t* data, size_t length) const {
+    if (length >= 2 && (data[0] == kOpRegisterWrite || data[0] == kOpRegisterRead))
+        return data[1];
+    return -1;
+}
+
+int SimAds7142::register_of_read() const {
+    return read_source_ == ReadSource::kRegister ? read_register_ : -1;
 }
 
 void SimAds7142::write_register(uint8_t reg, uint8_t value) {

@@ -35,13 +35,14 @@ class SimAds7142 : public I2cTarget {
 
     bool write(const uint8_t* data, size_t length) override;
     bool read(uint8_t* data, size_t length) override;
+    int register_of_write(const uint8_t* data, size_t length) const override;
+    int register_of_read() const override;
 
     // Buffers to hand out, one per sequence, before the channels are sampled again.
     void queue_buffer(const Buffer& buffer) { queued_.push_back(buffer); }
     void clear_queue() { queued_.clear(); }
     uint8_t register_value(uint8_t reg) const { return registers_[reg]; }
     int sequences() const { return sequences_; }
-    int unexpected_frames() const { return unexpected_frames_; }
 
   private:
     enum class ReadSource { kNone, kRegister, kBuffer };
@@ -57,7 +58,6 @@ class SimAds7142 : public I2cTarget {
     ReadSource read_source_ = ReadSource::kNone;
     uint8_t read_register_ = 0;
     int sequences_ = 0;
-    int unexpected_frames_ = 0;
 };
 
 }  // namespace board_sim

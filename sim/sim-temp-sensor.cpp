@@ -20,10 +20,19 @@ bool SimTempSensor::write(const uint8_t* data, size_t length) {
     if (length == 0)
         return true;
     pointer_ = data[0] & 0x03;
-    // Bytes after the pointer write the register (the temperature register is read-only).
-    if (length >= 3 && pointer_ != 0)
+    // A pointer byte alone, or with the two bytes of a register; the upper pointer bits
+    // must be zero and the temperature register is read-only.
+    if ((data[0] & ~0x03) != 0 || (length != 1 && length != 3) || (length == 3 && pointer_ == 0)) {
+        unexpected();
+        return true;
+    }
+    if (length == 3)
         registers_[pointer_] = static_cast<uint16_t>(data[1] << 8 | data[2]);
     return true;
+}
+
+int SimTempSensor::register_of_write(const uint8_t* data, size_t length) const {
+    return length >= 1 ? (data[0] & 0x03) : -1;
 }
 
 bool SimTempSensor::read(uint8_t* data, size_t length) {

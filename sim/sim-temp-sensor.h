@@ -18,6 +18,8 @@ class SimTempSensor : public I2cTarget {
 
     bool write(const uint8_t* data, size_t length) override;
     bool read(uint8_t* data, size_t length) override;
+    int register_of_write(const uint8_t* data, size_t length) const override;
+    int register_of_read() const override { return pointer_; }
 
     static uint16_t word_for_celsius(double celsius);
 

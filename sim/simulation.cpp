@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "preload-trace.h"
 #include "rf-model.h"
 #include "sandbox.h"
 
@@ -22,8 +23,6 @@ std::atomic<Simulation*> Simulation::instance_{nullptr};
 namespace {
 
 constexpr int kMaxFds = 4096;
-constexpr int kAdcAddress = 0x1d;
-constexpr int kTemperatureAddress = 0x48;
 constexpr size_t kMaxRecorded = 1000000;
 
 // Descriptor tables of simulated buses, indexed by descriptor. The bus entry is read
@@ -40,6 +39,7 @@ Simulation* g_retired = nullptr;
 void Simulation::start() {
     if (instance_.load() != nullptr)
         return;
+    configure_trace(std::getenv("ORCA_SIM_TRACE"));
     std::string root;
     bool owns_sandbox = false;
     const char* configured = std::getenv("ORCA_SIM_ROOT");
@@ -91,7 +91,9 @@ Simulation::Simulation(std::string root, SharedBlock* shared, bool owns_sandbox)
       owns_sandbox_(owns_sandbox),
       creator_pid_(getpid()),
       adc_([this](int channel) { return sample_mv(channel); }),
-      temperature_sensor_([this] { return temperature_word(); }) {}
+      temperature_sensor_([this] { return temperature_word(); }) {
+    wire_targets();
+}
 
 namespace {
 
@@ -181,6 +183,7 @@ void Simulation::refresh_state() {
         return;  // keep the last good state; the reader has said what is wrong
     state_ = loaded;
     state_generation_ = generation;
+    wire_targets();
     if (state_.faults != state_faults_text_) {
         state_faults_text_ = state_.faults;
         std::vector<Fault> faults;
@@ -230,6 +233,7 @@ int Simulation::open_bus(int bus, int flags) {
     }
     g_fd_address[fd] = -1;
     g_fd_bus[fd].store(bus + 1);
+    trace(kTraceBus, "open /dev/i2c-%d: fd %d", bus, fd);
     return fd;
 }
 
@@ -238,24 +242,41 @@ bool Simulation::is_bus_fd(int fd) {
 }
 
 void Simulation::forget_fd(int fd) {
-    if (fd >= 0 && fd < kMaxFds)
-        g_fd_bus[fd].store(0);
+    if (fd >= 0 && fd < kMaxFds && g_fd_bus[fd].exchange(0) != 0)
+        trace(kTraceBus, "close fd %d", fd);
+}
+
+void Simulation::wire_targets() {
+    // The chips of the board: name, address, the bus the board state puts it on (-1: not
+    // fitted) and its model. A new chip is one more line.
+    const struct {
+        const char* name;
+        int address;
+        int bus;
+        I2cTarget* device;
+    } chips[] = {
+        {"ads7142", 0x1d, state_.adc_bus, &adc_},
+        {"temperature sensor", 0x48, state_.temp_bus, &temperature_sensor_},
+    };
+    targets_.clear();
+    for (const auto& chip : chips) {
+        std::string error;
+        if (chip.bus >= 0 &&
+            targets_.add(chip.bus, chip.address, chip.name, chip.device, &error) != 0)
+            std::fprintf(stderr, "board-sim: %s\n", error.c_str());
+    }
 }
 
 I2cTarget* Simulation::target_at(int bus, int address) {
-    if (address == kAdcAddress && bus == state_.adc_bus)
-        return &adc_;
-    if (address == kTemperatureAddress && bus == state_.temp_bus)
-        return &temperature_sensor_;
-    return nullptr;
+    return targets_.find(bus, address);
 }
 
-Simulation::FaultEffect Simulation::next_fault(BusOp op, int address) {
+Simulation::FaultEffect Simulation::next_fault(BusOp op, int address, int reg) {
     FaultEffect effect = FaultEffect::kNone;
     for (auto* list : {&local_faults_, &state_faults_}) {
         for (ArmedFault& armed : *list) {
             const Fault& fault = armed.fault;
-            if (fault.op != op || fault.address != address)
+            if (fault.op != op || fault.address != address || (fault.reg >= 0 && fault.reg != reg))
                 continue;
             ++armed.seen;
             const bool hit = armed.seen >= fault.nth &&
@@ -275,9 +296,18 @@ void Simulation::charge_bus_time(size_t bytes) {
     shared_->clock_offset_ns.fetch_add(ns);
 }
 
+bool Simulation::check_understood(I2cTarget* target, bool counts) {
+    const int unexpected = target->take_unexpected();
+    if (unexpected == 0 || !counts)
+        return false;
+    shared_->unexpected_frames.fetch_add(static_cast<uint64_t>(unexpected));
+    return true;
+}
+
 void Simulation::record(int bus, int address, TransferKind kind, const uint8_t* bytes,
-                        size_t length, bool ok) {
-    if (!recording_ || traffic_.size() >= kMaxRecorded)
+                        size_t length, bool ok, bool unexpected) {
+    const bool keep = recording_ && traffic_.size() < kMaxRecorded;
+    if (!keep && !tracing(kTraceBus))
         return;
     Transfer transfer;
     transfer.bus = bus;
@@ -286,7 +316,10 @@ void Simulation::record(int bus, int address, TransferKind kind, const uint8_t* 
     if (bytes != nullptr)
         transfer.bytes.assign(bytes, bytes + length);
     transfer.ok = ok;
-    traffic_.push_back(std::move(transfer));
+    // describe() starts with "bus ", which the trace line already says.
+    trace(kTraceBus, "%s%s", describe(transfer).c_str() + 4, unexpected ? " UNEXPECTED" : "");
+    if (keep)
+        traffic_.push_back(std::move(transfer));
 }
 
 double Simulation::sample_mv(int channel) {
@@ -310,7 +343,9 @@ ssize_t Simulation::bus_write(int fd, const void* data, size_t length) {
     const int address = g_fd_address[fd] < 0 ? 0 : g_fd_address[fd];
     const auto* bytes = static_cast<const uint8_t*>(data);
     I2cTarget* target = target_at(bus, address);
-    const FaultEffect effect = target ? next_fault(BusOp::kWrite, address) : FaultEffect::kNone;
+    const FaultEffect effect =
+        target ? next_fault(BusOp::kWrite, address, target->register_of_write(bytes, length))
+               : FaultEffect::kNone;
     charge_bus_time(target && effect != FaultEffect::kFail ? length : 0);
     if (target == nullptr || effect == FaultEffect::kFail) {
         record(bus, address, TransferKind::kWrite, bytes, length, false);
@@ -319,7 +354,8 @@ ssize_t Simulation::bus_write(int fd, const void* data, size_t length) {
     }
     const size_t sent = (effect == FaultEffect::kShort && length > 0) ? length - 1 : length;
     target->write(bytes, sent);
-    record(bus, address, TransferKind::kWrite, bytes, sent, true);
+    const bool unexpected = check_understood(target, effect == FaultEffect::kNone);
+    record(bus, address, TransferKind::kWrite, bytes, sent, true, unexpected);
     return static_cast<ssize_t>(sent);
 }
 
@@ -330,7 +366,8 @@ ssize_t Simulation::bus_read(int fd, void* data, size_t length) {
     const int address = g_fd_address[fd] < 0 ? 0 : g_fd_address[fd];
     auto* bytes = static_cast<uint8_t*>(data);
     I2cTarget* target = target_at(bus, address);
-    const FaultEffect effect = target ? next_fault(BusOp::kRead, address) : FaultEffect::kNone;
+    const FaultEffect effect =
+        target ? next_fault(BusOp::kRead, address, target->register_of_read()) : FaultEffect::kNone;
     charge_bus_time(target && effect != FaultEffect::kFail ? length : 0);
     if (target == nullptr || effect == FaultEffect::kFail) {
         record(bus, address, TransferKind::kRead, nullptr, 0, false);
@@ -339,7 +376,8 @@ ssize_t Simulation::bus_read(int fd, void* data, size_t length) {
     }
     const size_t received = (effect == FaultEffect::kShort && length > 0) ? length - 1 : length;
     target->read(bytes, received);
-    record(bus, address, TransferKind::kRead, bytes, received, true);
+    const bool unexpected = check_understood(target, effect == FaultEffect::kNone);
+    record(bus, address, TransferKind::kRead, bytes, received, true, unexpected);
     return static_cast<ssize_t>(received);
 }
 
@@ -353,6 +391,8 @@ int Simulation::smbus(int fd, void* argument) {
         charge_bus_time(0);
         const bool ok =
             target != nullptr && effect == FaultEffect::kNone && target->write(nullptr, 0);
+        if (target != nullptr)
+            check_understood(target, false);  // a probe: the address phase is all it is
         record(bus, address, TransferKind::kQuick, nullptr, 0, ok);
         if (!ok) {
             errno = target == nullptr ? ENXIO : EIO;
@@ -362,24 +402,29 @@ int Simulation::smbus(int fd, void* argument) {
     }
     if (request->size == I2C_SMBUS_BYTE) {
         const bool reading = request->read_write == I2C_SMBUS_READ;
-        const FaultEffect effect = target
-                                       ? next_fault(reading ? BusOp::kRead : BusOp::kWrite, address)
-                                       : FaultEffect::kNone;
-        charge_bus_time(1);
         uint8_t byte = request->command;
+        const FaultEffect effect =
+            target == nullptr ? FaultEffect::kNone
+            : reading         ? next_fault(BusOp::kRead, address, target->register_of_read())
+                      : next_fault(BusOp::kWrite, address, target->register_of_write(&byte, 1));
+        charge_bus_time(1);
         bool ok = target != nullptr && effect == FaultEffect::kNone;
         if (ok)
             ok = reading ? target->read(&byte, 1) : target->write(&byte, 1);
         if (ok && reading)
             request->data->byte = byte;
+        // Receiving a byte is how i2cdetect -r probes: it looks for the acknowledge and
+        // ignores the data, so a target with nothing to say is no surprise.
+        const bool unexpected = target != nullptr && check_understood(target, ok && !reading);
         record(bus, address, reading ? TransferKind::kReadByte : TransferKind::kWrite,
-               ok ? &byte : nullptr, ok ? 1 : 0, ok);
+               ok ? &byte : nullptr, ok ? 1 : 0, ok, unexpected);
         if (!ok) {
             errno = target == nullptr ? ENXIO : EIO;
             return -1;
         }
         return 0;
     }
+    trace(kTraceBus, "%d smbus transfer of size %u refused", bus, request->size);
     errno = EOPNOTSUPP;  // the adapter claims quick and byte transfers only
     return -1;
 }
@@ -408,12 +453,14 @@ int Simulation::bus_ioctl(int fd, unsigned long request, void* argument) {
             return 0;
         }
         case I2C_FUNCS:
+            trace(kTraceBus, "%d functions", bus);
             *static_cast<unsigned long*>(argument) =
                 I2C_FUNC_I2C | I2C_FUNC_SMBUS_QUICK | I2C_FUNC_SMBUS_BYTE;
             return 0;
         case I2C_SMBUS:
             return smbus(fd, argument);
         case I2C_TENBIT:
+            trace(kTraceBus, "%d ten-bit addresses %s", bus, argument ? "refused" : "off");
             if (argument != nullptr) {
                 errno = EOPNOTSUPP;
                 return -1;
@@ -421,8 +468,10 @@ int Simulation::bus_ioctl(int fd, unsigned long request, void* argument) {
             return 0;
         case I2C_RETRIES:
         case I2C_TIMEOUT:
+            trace(kTraceBus, "%d %s set", bus, request == I2C_RETRIES ? "retries" : "timeout");
             return 0;
         default:
+            trace(kTraceBus, "%d ioctl 0x%lx refused", bus, request);
             errno = ENOTTY;
             return -1;
     }
@@ -496,6 +545,7 @@ void Simulation::reset_board() {
     local_faults_.clear();
     recording_ = false;
     traffic_.clear();
+    // Fresh devices in the same places: the table keeps pointing at these members.
     adc_ = SimAds7142([this](int channel) { return sample_mv(channel); });
     temperature_sensor_ = SimTempSensor([this] { return temperature_word(); });
     temperature_override_ = -1;

@@ -1,5 +1,5 @@
 // The simulation inside one process under libboard-sim.so: the sandbox, the cached board
-// state, the bus table with its two target models, the descriptors of simulated buses,
+// state, the table of targets on the buses, the descriptors of simulated buses,
 // faults, the traffic record and the virtual clock. The interposed libc functions of
 // preload-*.cpp and the control API both work through it.
 #pragma once
@@ -20,6 +20,7 @@
 #include "shared-block.h"
 #include "sim-ads7142.h"
 #include "sim-temp-sensor.h"
+#include "target-table.h"
 
 namespace board_sim {
 
@@ -58,6 +59,7 @@ class Simulation {
     uint64_t clock_offset_ns() const { return shared_->clock_offset_ns.load(); }
     uint64_t wait_ns() const { return shared_->wait_ns.load(); }
     uint64_t bus_ns() const { return shared_->bus_ns.load(); }
+    uint64_t unexpected_frames() const { return shared_->unexpected_frames.load(); }
     double time_scale() const { return time_scale_; }
     // Only the main thread's waits are the tool's; other threads (a pipe reader) keep real
     // time, so that their idle loops neither spin nor run the shared clock ahead.
@@ -86,11 +88,17 @@ class Simulation {
 
     Simulation(std::string root, SharedBlock* shared, bool owns_sandbox);
     void refresh_state();  // with mutex_ held
+    void wire_targets();   // with mutex_ held
     I2cTarget* target_at(int bus, int address);
-    FaultEffect next_fault(BusOp op, int address);
+    // `reg` is the register the operation names, -1 for none.
+    FaultEffect next_fault(BusOp op, int address, int reg = -1);
     void charge_bus_time(size_t bytes);
+    // Counts what `target` could not make sense of in the transfer just done; a probe
+    // (scans look for the acknowledge only) and a transfer a fault cut short do not count.
+    // Returns whether anything was counted.
+    bool check_understood(I2cTarget* target, bool counts);
     void record(int bus, int address, TransferKind kind, const uint8_t* bytes, size_t length,
-                bool ok);
+                bool ok, bool unexpected = false);
     double sample_mv(int channel);
     uint16_t temperature_word();
     int smbus(int fd, void* argument);
@@ -115,6 +123,7 @@ class Simulation {
     std::vector<Transfer> traffic_;
     SimAds7142 adc_;
     SimTempSensor temperature_sensor_;
+    TargetTable targets_;
     int temperature_override_ = -1;
     std::mt19937 noise_;
     unsigned noise_seed_ = 0;

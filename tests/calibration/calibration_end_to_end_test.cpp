@@ -18,7 +18,7 @@
 #include "i2c-monitor.h"
 #include "mv-to-dbm-file.h"
 #include "orca-vtx-helpers.h"
-#include "run_process.h"
+#include "board_run.h"
 
 namespace {
 
@@ -60,16 +60,15 @@ class CalibrationEndToEnd : public testing::Test {
             dir_.write_file("board" + std::to_string(runs_) + "/data/quillon/vtx/calibrated_" +
                                 seed_tag + ".csv",
                             seed);
-        std::vector<std::string> argv{ORCA_BOARD_SIM, "--root", run.board, "--report",
-                                      run.board + ".report"};
-        argv.insert(argv.end(), board_options.begin(), board_options.end());
-        argv.insert(argv.end(), {"--", ORCA_MONITOR_BINARY, "-d", "1"});
-        argv.insert(argv.end(), tool_options.begin(), tool_options.end());
-        run.result = orca_test::run_process(argv);
-        const std::string report = orca_test::read_file(run.board + ".report");
-        const size_t at = report.find("wait_ns=");
-        if (at != std::string::npos)
-            run.wait_s = std::strtod(report.c_str() + at + 8, nullptr) / 1e9;
+        std::vector<std::string> board{"--root", run.board};
+        board.insert(board.end(), board_options.begin(), board_options.end());
+        std::vector<std::string> command{ORCA_MONITOR_BINARY, "-d", "1"};
+        command.insert(command.end(), tool_options.begin(), tool_options.end());
+        const orca_test::BoardRunResult board_run =
+            orca_test::run_on_board(ORCA_BOARD_SIM, board, command);
+        run.result = board_run.result;
+        if (board_run.report.count("wait_ns"))
+            run.wait_s = board_run.report_number("wait_ns") / 1e9;
         return run;
     }
 

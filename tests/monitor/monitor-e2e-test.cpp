@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <functional>
 
-#include "run_process.h"
+#include "board_run.h"
 
 namespace {
 
@@ -40,14 +40,15 @@ MonitorRun run_monitor(std::vector<std::string> board, const std::vector<std::st
                        const Enough& enough, int signal = SIGTERM) {
     orca_test::TempDir tmp;
     const std::string root = tmp.path() + "/board";
-    std::vector<std::string> argv = {ORCA_BOARD_SIM, "--root", root, "--report", root + ".report"};
-    argv.insert(argv.end(), board.begin(), board.end());
-    argv.insert(argv.end(), {"--", ORCA_MONITOR_BINARY, "-d", "1"});
-    argv.insert(argv.end(), args.begin(), args.end());
+    board.insert(board.begin(), {"--root", root});
+    std::vector<std::string> command = {ORCA_MONITOR_BINARY, "-d", "1"};
+    command.insert(command.end(), args.begin(), args.end());
     orca_test::ProcessOptions options;
     options.stop_when = [&](const orca_test::ProcessResult& r) { return enough(r.out, r.err); };
     options.stop_signal = signal;
-    const orca_test::ProcessResult result = orca_test::run_process(argv, options);
+    const orca_test::BoardRunResult board_run =
+        orca_test::run_on_board(ORCA_BOARD_SIM, board, command, options);
+    const orca_test::ProcessResult& result = board_run.result;
 
     // Nothing of this board may outlive it: no tool, shell or publisher.
     for (const auto& process : std::filesystem::directory_iterator("/proc")) {
@@ -65,8 +66,7 @@ MonitorRun run_monitor(std::vector<std::string> board, const std::vector<std::st
     run.err = lines_of(result.err);
     run.commands = lines_of(orca_test::read_file(root + "/commands.log"));
     run.exit_status = result.exit_status;
-    const std::string report = orca_test::read_file(root + ".report");
-    run.virtual_seconds = std::atof(report.c_str() + report.find("wait_ns=") + 8) / 1e9;
+    run.virtual_seconds = board_run.report_number("wait_ns") / 1e9;
     return run;
 }
 

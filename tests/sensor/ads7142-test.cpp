@@ -55,15 +55,16 @@ TEST_F(Ads7142Test, ResetUnlocksResetsAndLocksAgain) {
     EXPECT_EQ(board_sim::adc_register(OPMODE_SEL), 0) << "the reset did not reach the device";
     EXPECT_EQ(board_sim::adc_register(WKEY), 0) << "WKEY left unlocked";
 
-    const char* const step_failures[] = {
-        "Failed to write to WKEY register.\n",
-        "Failed to write to DEVICE_RESET register.\n",
-        "Device reset successfully.\nFailed to write to WKEY register for safety.\n",
+    const std::pair<const char*, const char*> step_failures[] = {
+        {"write:0x1d:reg=0x17:1", "Failed to write to WKEY register.\n"},
+        {"write:0x1d:reg=0x14:1", "Failed to write to DEVICE_RESET register.\n"},
+        {"write:0x1d:reg=0x17:2",
+         "Device reset successfully.\nFailed to write to WKEY register for safety.\n"},
     };
-    for (int step = 0; step < 3; ++step) {
-        board_sim::set_faults({{BusOp::kWrite, 0x1d, step + 1}});
+    for (const auto& [fault, out] : step_failures) {
+        ASSERT_EQ(board_sim::set_faults(fault), 0);
         printed = capture_output([&] { EXPECT_EQ(reset_device(fd_, 1), -1); });
-        EXPECT_EQ(printed.out, step_failures[step]);
+        EXPECT_EQ(printed.out, out);
         EXPECT_EQ(printed.err, "Failed to write to the i2c bus: Input/output error\n");
     }
 }

@@ -122,36 +122,37 @@ TEST_F(ReadCycleTest, ConverterFailuresEndTheCycleWithTheirStep) {
     const char* const select = "Failed to acquire bus access and/or talk to ADS7142";
     const char* const write = "Failed to write to the i2c bus";
     const struct {
-        BusOp op;
-        int nth;
+        const char* fault;
         const char* err;
         const char* step;  // of the "retrying in 5 seconds" line; none for a failed select
         int samples_done;
     } cases[] = {
-        {BusOp::kSelect, 1, select, nullptr, 0},
-        {BusOp::kSelect, 2, select, nullptr, 0},
-        {BusOp::kWrite, 1, write, "reset device", 0},
-        {BusOp::kWrite, 3, write, "reset device", 0},
-        {BusOp::kWrite, 4, write, "configure DOUT_FORMAT_CFG", 0},
-        {BusOp::kWrite, 5, write, "configure CHANNEL_INPUT_CFG", 0},
-        {BusOp::kWrite, 6, write, "configure OPMODE_SEL", 0},
-        {BusOp::kWrite, 7, write, "configure AUTO_SEQ_CHEN", 0},
-        // Per sequence: the start write, then the 0x3B command, then the read.
-        {BusOp::kWrite, 8 + 2 * 3, write, "start the conversion sequence", 3},
-        {BusOp::kWrite, 9 + 2 * 5, "Failed to send read command to the i2c bus",
-         "read data buffer entries", 5},
-        {BusOp::kRead, 1 + 7, "Failed to read from the i2c bus", "read data buffer entries", 7},
+        {"select:0x1d:1", select, nullptr, 0},
+        {"select:0x1d:2", select, nullptr, 0},
+        {"write:0x1d:reg=0x17:1", write, "reset device", 0},  // unlocking WKEY
+        {"write:0x1d:reg=0x14:1", write, "reset device", 0},
+        {"write:0x1d:reg=0x17:2", write, "reset device", 0},  // locking it again
+        {"write:0x1d:reg=0x28:1", write, "configure DOUT_FORMAT_CFG", 0},
+        {"write:0x1d:reg=0x24:1", write, "configure CHANNEL_INPUT_CFG", 0},
+        {"write:0x1d:reg=0x1c:1", write, "configure OPMODE_SEL", 0},
+        {"write:0x1d:reg=0x20:1", write, "configure AUTO_SEQ_CHEN", 0},
+        {"write:0x1d:reg=0x1e:4", write, "start the conversion sequence", 3},
+        // The buffer command names no register: it is the 19th write, after the seven of
+        // the set-up and five pairs of start and command.
+        {"write:0x1d:19", "Failed to send read command to the i2c bus", "read data buffer entries",
+         5},
+        {"read:0x1d:8", "Failed to read from the i2c bus", "read data buffer entries", 7},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.err + std::string(" ") + std::to_string(c.nth));
+        SCOPED_TRACE(c.fault);
         if (!is_open(fd_))
             fd_ = open("/dev/i2c-1", O_RDWR);
         board_sim::queue_adc_buffer(buffer_of(0x1000, 0x2000));
-        board_sim::set_faults({{c.op, 0x1d, c.nth}});
+        ASSERT_EQ(board_sim::set_faults(c.fault), 0);
         reading_.ch0_mv = reading_.ch0_dbm = reading_.ch1_dbm = reading_.sample_count = 99;
         const auto printed =
             capture_output([&] { EXPECT_EQ(process_sensor_data(&reading_, fd_, 0, 5800), -1); });
-        const bool closes = c.op == BusOp::kSelect;
+        const bool closes = c.step == nullptr;
         EXPECT_EQ(
             printed.out,
             closes ? "" : "Failed to " + std::string(c.step) + ", retrying in 5 seconds...\n");

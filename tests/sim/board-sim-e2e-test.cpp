@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "run_process.h"
+#include "board_run.h"
 
 namespace {
 
@@ -16,11 +16,7 @@ const std::string kTool = ORCA_MONITOR_BINARY;
 
 orca_test::ProcessResult on_board(const std::vector<std::string>& options,
                                   const std::vector<std::string>& command) {
-    std::vector<std::string> argv{ORCA_BOARD_SIM};
-    argv.insert(argv.end(), options.begin(), options.end());
-    argv.push_back("--");
-    argv.insert(argv.end(), command.begin(), command.end());
-    return orca_test::run_process(argv);
+    return orca_test::run_on_board(ORCA_BOARD_SIM, options, command).result;
 }
 
 // Every name below a host directory with its size and modification time, or "absent".
@@ -106,6 +102,46 @@ TEST(BoardSimEndToEnd, RunLeavesTheHostsFixedPathsAlone) {
     EXPECT_EQ(snapshot("/run/fjp"), run_before);
     EXPECT_EQ(access((root + "/data/quillon/vtx/calibrated_5_8.csv").c_str(), F_OK), 0);
     EXPECT_EQ(access((root + "/run/fjp/host_check/info").c_str(), F_OK), 0);
+}
+
+TEST(BoardSimEndToEnd, OddFramesAreReportedAndTheTraceShowsThem) {
+    // i2cset sends the converter a lone 0x55, which is no command of it: on purpose here.
+    const std::vector<std::string> odd_frame = {"i2cset", "-y", "1", "0x1d", "0x55"};
+    auto run = orca_test::run_on_board(ORCA_BOARD_SIM, {"--no-publisher"}, odd_frame, {}, 1);
+    EXPECT_EQ(run.result.exit_status, 0) << "the command's status stays its own";
+    EXPECT_EQ(run.result.err,
+              "orca-board-sim: 1 frame that no simulated device understood (ORCA_SIM_TRACE=bus "
+              "shows them)\n");
+
+    const std::string cat_table = "cat /data/quillon/vtx/5_8_mv_to_dbm.csv > /dev/null";
+    const struct {
+        std::string topics;
+        std::vector<std::string> shown, hidden;
+    } traces[] = {
+        {"", {}, {"board-sim["}},
+        {"bus",
+         {"] bus: open /dev/i2c-1: fd ", "] bus: 1 0x1d select\n",
+          "] bus: 1 0x1d write 55 UNEXPECTED\n"},
+         {"] path: "}},
+        {"path", {"] path: open /data/quillon/vtx/5_8_mv_to_dbm.csv -> /tmp/obs-"}, {"] bus: "}},
+        {"bus,nonsense",
+         {"board-sim: ORCA_SIM_TRACE: unknown topic \"nonsense\" (known: bus, path)\n", "] bus: "},
+         {}},
+    };
+    for (const auto& t : traces) {
+        SCOPED_TRACE(t.topics);
+        orca_test::ProcessOptions options;
+        options.env = {{"ORCA_SIM_TRACE", t.topics}};
+        run = orca_test::run_on_board(ORCA_BOARD_SIM, {"--no-publisher"},
+                                      {"sh", "-c", cat_table + " && i2cset -y 1 0x1d 0x55"},
+                                      options, 1);
+        for (const std::string& line : t.shown)
+            EXPECT_NE(run.result.err.find(line), std::string::npos) << line << "\n"
+                                                                    << run.result.err;
+        for (const std::string& line : t.hidden)
+            EXPECT_EQ(run.result.err.find(line), std::string::npos) << line << "\n"
+                                                                    << run.result.err;
+    }
 }
 
 }  // namespace

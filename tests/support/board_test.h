@@ -15,6 +15,10 @@
 
 namespace orca_test {
 
+// The number of frames no simulated device understands that the running test sends on
+// purpose; any other number fails it at its end. Zero at the start of every test.
+void expect_unexpected_frames(uint64_t count);
+
 inline bool is_open(int fd) {
     return fcntl(fd, F_GETFD) != -1 || errno != EBADF;
 }
