@@ -5,19 +5,12 @@
 #include <filesystem>
 #include <functional>
 
-#include "run_process.h"
+#include "board_run.h"
 
 namespace {
 
 using Enough = std::function<bool(const std::string& out, const std::string& err)>;
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
-         start = end + 1)
-        lines.push_back(text.substr(start, end - start));
-    return lines;
-}
+using orca_test::lines_of;
 
 size_t count(const std::string& text, const std::string& what) {
     size_t n = 0;
@@ -36,18 +29,17 @@ struct MonitorRun {
 
 // `orca-vtx-i2c-monitor -d 1 args...` on a board set up with `board` (orca-board-sim
 // options), until `enough` holds for what it printed; then `signal` ends it.
-MonitorRun run_monitor(std::vector<std::string> board, const std::vector<std::string>& args,
+MonitorRun run_monitor(const std::vector<std::string>& board, const std::vector<std::string>& args,
                        const Enough& enough, int signal = SIGTERM) {
     orca_test::TempDir tmp;
     const std::string root = tmp.path() + "/board";
-    std::vector<std::string> argv = {ORCA_BOARD_SIM, "--root", root, "--report", root + ".report"};
-    argv.insert(argv.end(), board.begin(), board.end());
-    argv.insert(argv.end(), {"--", ORCA_MONITOR_BINARY, "-d", "1"});
-    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<std::string> command = {ORCA_MONITOR_BINARY, "-d", "1"};
+    command.insert(command.end(), args.begin(), args.end());
     orca_test::ProcessOptions options;
     options.stop_when = [&](const orca_test::ProcessResult& r) { return enough(r.out, r.err); };
     options.stop_signal = signal;
-    const orca_test::ProcessResult result = orca_test::run_process(argv, options);
+    const orca_test::BoardRun board_run = orca_test::run_on_board(board, command, root, options);
+    const orca_test::ProcessResult& result = board_run.result;
 
     // Nothing of this board may outlive it: no tool, shell or publisher.
     for (const auto& process : std::filesystem::directory_iterator("/proc")) {
@@ -63,10 +55,9 @@ MonitorRun run_monitor(std::vector<std::string> board, const std::vector<std::st
         if (line != "Connected to VTX Latency pipe")
             run.out.push_back(line);
     run.err = lines_of(result.err);
-    run.commands = lines_of(orca_test::read_file(root + "/commands.log"));
+    run.commands = board_run.lines("commands.log");
     run.exit_status = result.exit_status;
-    const std::string report = orca_test::read_file(root + ".report");
-    run.virtual_seconds = std::atof(report.c_str() + report.find("wait_ns=") + 8) / 1e9;
+    run.virtual_seconds = board_run.wait_seconds;
     return run;
 }
 

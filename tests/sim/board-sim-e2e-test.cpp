@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "run_process.h"
+#include "board_run.h"
 
 namespace {
 
@@ -16,11 +16,7 @@ const std::string kTool = ORCA_MONITOR_BINARY;
 
 orca_test::ProcessResult on_board(const std::vector<std::string>& options,
                                   const std::vector<std::string>& command) {
-    std::vector<std::string> argv{ORCA_BOARD_SIM};
-    argv.insert(argv.end(), options.begin(), options.end());
-    argv.push_back("--");
-    argv.insert(argv.end(), command.begin(), command.end());
-    return orca_test::run_process(argv);
+    return orca_test::run_on_board(options, command).result;
 }
 
 // Every name below a host directory with its size and modification time, or "absent".
@@ -95,11 +91,14 @@ TEST(BoardSimEndToEnd, RunLeavesTheHostsFixedPathsAlone) {
     const std::string run_before = snapshot("/run/fjp");
     orca_test::TempDir dir;
     const std::string root = dir.path() + "/board";
-    auto result = on_board({"--root", root},
-                           {"sh", "-c",
-                            "echo 1 > /data/quillon/vtx/calibrated_5_8.csv && "
-                            "mkdir -p /run/fjp/host_check && touch /run/fjp/host_check/info && "
-                            "cat /data/quillon/vtx/calibrated_5_8.csv"});
+    auto result = orca_test::run_on_board(
+                      {},
+                      {"sh", "-c",
+                       "echo 1 > /data/quillon/vtx/calibrated_5_8.csv && "
+                       "mkdir -p /run/fjp/host_check && touch /run/fjp/host_check/info && "
+                       "cat /data/quillon/vtx/calibrated_5_8.csv"},
+                      root)
+                      .result;
     EXPECT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.out, "1\n");
     EXPECT_EQ(snapshot("/data/quillon/vtx"), data_before);

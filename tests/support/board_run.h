@@ -1,0 +1,35 @@
+// Runs a command on a fresh simulated board through orca-board-sim, as an operator runs the
+// tool on the aircraft: the built tool or a system program, with the board's options
+// (--set, --fault, --no-publisher). Shared by the end-to-end tests of every area.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "run_process.h"
+
+namespace orca_test {
+
+struct BoardRun {
+    ProcessResult result;
+    std::string root;            // the kept sandbox; empty when none was asked for
+    double wait_seconds = -1.0;  // virtual time the run waited; -1 without a kept sandbox
+
+    // A file of the kept sandbox by its name there ("commands.log") or its fixed path on the
+    // aircraft ("/data/quillon/vtx/calibrated_5_1.csv"); empty when it is not there.
+    std::string file(const std::string& path) const;
+    // The same file as lines, without their line ends.
+    std::vector<std::string> lines(const std::string& path) const;
+};
+
+// `orca-board-sim [--root ROOT --report ...] BOARD... -- COMMAND...`. With a `root` the
+// sandbox is made (or taken as it is) there and kept, so that a test can leave files in it
+// beforehand and read them afterwards. Without one the simulator's own sandbox is removed.
+BoardRun run_on_board(const std::vector<std::string>& board,
+                      const std::vector<std::string>& command, const std::string& root = "",
+                      const ProcessOptions& options = {});
+
+// The lines of a text, without their line ends; a last line without one counts too.
+std::vector<std::string> lines_of(const std::string& text);
+
+}  // namespace orca_test
