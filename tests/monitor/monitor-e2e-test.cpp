@@ -62,11 +62,11 @@ MonitorRun run_monitor(const std::vector<std::string>& board, const std::vector<
 }
 
 std::string reading(const std::string& ch0, const std::string& label, const std::string& ch1,
-                    const std::string& frequency = "5800",
-                    const std::string& temperature = "25.00") {
+                    const std::string& frequency = "5800", const std::string& temperature = "25.00",
+                    const std::string& mcs_and_power = "MCS: 0   Power: 1") {
     return "2.4 GHz (CH0): " + ch0 + "   " + label + " GHz (CH1): " + ch1 +
-           "   Temperature (C): " + temperature + "   Freq: " + frequency +
-           " MHz   MCS: 0   Power: 1";
+           "   Temperature (C): " + temperature + "   Freq: " + frequency + " MHz   " +
+           mcs_and_power;
 }
 
 TEST(Monitor, ShowsTheDefaultRadioStateUntilTheServicePublishes) {
@@ -148,6 +148,29 @@ TEST(Monitor, AdjustmentSearchesOnceFromPowerOne) {
         EXPECT_NE(out.find("to achieve 20.00 dBm at 5.8 GHz...\n"), std::string::npos) << out;
         EXPECT_EQ(count(out, "Searching for optimal power level"), 1u);
     }
+}
+
+TEST(Monitor, AdjustmentAndLinesFollowTheBandAndMcsThatTheServicePublishes) {
+    // The first five reads fail; their retry waits, at 3 % of real time, let the service's
+    // first record (5180 MHz, MCS 3) arrive before the first line and the search.
+    const auto run = run_monitor({"--set", "frequency_mhz=5180", "--set", "mcs=3", "--fault",
+                                  "write:0x1d:1:5", "--time-scale", "0.03"},
+                                 {"-adjust-dbm", "20"}, search_done);
+    size_t search = 0;
+    while (search < run.out.size() && run.out[search].rfind("Searching for", 0) != 0)
+        ++search;
+    ASSERT_LT(search, run.out.size());
+    ASSERT_GE(search, 2u);
+    const std::string& before = run.out[search - 1];
+    ASSERT_NE(before.find("Freq: 5180 MHz"), std::string::npos)
+        << "the service's first record came too late: " << before;
+    // Converted with the MCS 3 column; the MCS 0 one reads 7.00 dBm at this voltage.
+    EXPECT_EQ(before, reading("11.62 dBm (44.82 mV)", "5.1", "9.00 dBm (378.37 mV)", "5180",
+                              "25.00", "MCS: 3   Power: 1"));
+    EXPECT_EQ(run.out[search],
+              "Searching for optimal power level (range: 1-60) to achieve 20.00 dBm at 5.1 GHz...");
+    EXPECT_EQ(run.out.back(), reading("11.62 dBm (44.82 mV)", "5.1", "19.86 dBm (645.56 mV)",
+                                      "5180", "25.00", "MCS: 3   Power: 22"));
 }
 
 }  // namespace
