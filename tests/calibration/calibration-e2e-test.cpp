@@ -234,6 +234,14 @@ TEST_F(CalibrationEndToEnd, SafetyStopsKeepTheLevelThatTrippedThem) {
     EXPECT_EQ(split(rows[4], ',')[1], format2(default_cal_get_mv("5_1", 0, 4)));
     EXPECT_EQ(rows[11], "11,-1,-1");
 
+    // At the limit itself the run goes on to the last anchor.
+    run = calibrate({"--set", "temperature_c=75.0"},
+                    {"-fast-calibrate", "-f", "5180", "-m", "0", "-temp_test"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_FALSE(contains(run.result.out, "exceeds safety threshold")) << run.result.out;
+    EXPECT_TRUE(contains(run.result.out, "Power 1 level 60: ")) << run.result.out;
+    EXPECT_TRUE(contains(run.result.out, "Temperature = 75.00°C\n")) << run.result.out;
+
     // Too strong: the level above 31.5 dBm is the last one measured and written.
     run = calibrate({"--set", "ch0_offset_mv=30"}, {"-calibrate", "-f", "2412", "-m", "1"});
     ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
@@ -319,6 +327,38 @@ TEST_F(CalibrationEndToEnd, MpScriptCarriesTheWholeRun) {
     EXPECT_GE(run.wait_seconds, 66 * kLevelSeconds - 1e-6);
     EXPECT_LT(run.wait_seconds, 66 * kLevelSeconds + 1.0);
     EXPECT_EQ(split(run.file(calibration_path("2_4"))).size(), 64u);
+}
+
+TEST_F(CalibrationEndToEnd, StatusPipeThatCannotBeOpenedEndsEveryRunButAnMpOne) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "AddressSanitizer cannot run within an address-space limit";
+#endif
+    if (orca_test::under_emulator())
+        GTEST_SKIP() << "the emulator reserves more address space than the limit allows";
+    // Reader threads get 3 GB stacks in a 2 GB address space: the pipe client cannot start.
+    const std::string tool = std::string("ulimit -s 3000000 && ulimit -v 2000000 && exec ") +
+                             ORCA_MONITOR_BINARY + " -d 1 ";
+    const struct {
+        std::string options;
+        int status;
+    } cases[] = {
+        {"-calibrate -f 5180 -m 0", 1},
+        {"-fast-calibrate -f 5180 -m 0", 1},
+        {"-adjust-dbm 20", 1},
+        {"-fast-calibrate -mp -f 5180 -m 0", 0},  // the MP script needs no status pipe
+    };
+    for (const auto& c : cases) {
+        const orca_test::BoardRun run = orca_test::run_on_board(
+            {}, {"sh", "-c", tool + c.options}, dir_.path() + "/board" + std::to_string(++runs_));
+        EXPECT_EQ(run.result.exit_status, c.status) << c.options << run.result.err;
+        if (c.status != 0) {
+            EXPECT_EQ(run.result.out, "") << c.options;
+            EXPECT_TRUE(contains(run.result.err, "Failed to initialize VTX pipe\n")) << c.options;
+            EXPECT_EQ(run.lines("commands.log"), Rows{}) << c.options;
+        } else {
+            EXPECT_TRUE(contains(run.result.out, "All calibrations completed!\n"));
+        }
+    }
 }
 
 TEST_F(CalibrationEndToEnd, MpScriptThatDoesNotStartEndsTheTool) {
