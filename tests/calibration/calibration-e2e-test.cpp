@@ -14,11 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "default_power_calibration.h"
+#include "board_run.h"
 #include "i2c-monitor.h"
+#include "listed_calibration_tables.h"
 #include "mv-to-dbm-file.h"
 #include "orca-vtx-helpers.h"
-#include "board_run.h"
 
 namespace {
 
@@ -189,7 +189,7 @@ TEST_F(CalibrationEndToEnd, FastRunEstimatesFromTheDefaultsShiftedByTheAnchors) 
     std::map<int, double> offsets;
     for (int anchor : kAnchors)
         offsets[anchor] =
-            std::stod(split(rows[anchor], ',')[1]) - default_cal_get_mv("5_1", 0, anchor);
+            std::stod(split(rows[anchor], ',')[1]) - orca_test::listed_mv("5_1", 0, anchor);
     const std::string table = run.root + "/data/quillon/vtx/5_1_mv_to_dbm.csv";
     for (int level = 1; level <= 60; ++level) {
         if (offsets.count(level))
@@ -202,7 +202,7 @@ TEST_F(CalibrationEndToEnd, FastRunEstimatesFromTheDefaultsShiftedByTheAnchors) 
             offset = low->second + (level - low->first) * (high->second - low->second) /
                                        (high->first - low->first);
         }
-        const double mv = std::max(1.0, default_cal_get_mv("5_1", 0, level) + offset);
+        const double mv = std::max(1.0, orca_test::listed_mv("5_1", 0, level) + offset);
         const Rows cells = split(rows[level], ',');
         ASSERT_EQ(cells.size(), 5u) << rows[level];
         // The anchors reach us rounded to 0.01 mV, so ours may be 0.005 mV off the tool's
@@ -231,7 +231,7 @@ TEST_F(CalibrationEndToEnd, SafetyStopsKeepTheLevelThatTrippedThem) {
     Rows rows = split(run.file(calibration_path("5_1")));
     ASSERT_EQ(rows.size(), 64u);
     EXPECT_EQ(rows[10], "10,TEMP_ERROR_76_3,TEMP_ERROR_76_3");
-    EXPECT_EQ(split(rows[4], ',')[1], format2(default_cal_get_mv("5_1", 0, 4)));
+    EXPECT_EQ(split(rows[4], ',')[1], format2(orca_test::listed_mv("5_1", 0, 4)));
     EXPECT_EQ(rows[11], "11,-1,-1");
 
     // At the limit itself the run goes on to the last anchor.
