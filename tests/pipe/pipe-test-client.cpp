@@ -12,16 +12,15 @@
 
 namespace {
 
-void print_state(const char* when) {
-    int mcs, frequency, power_index;
-    get_vtx_config(&mcs, &frequency, &power_index);
+void print_state(const char* when, int frequency, int mcs, int power_index) {
     printf("%s: vtx frequency=%d mcs=%d power_index=%d\n", when, frequency, mcs, power_index);
 }
 
-// Runs after every record queued before the publisher left has been handed over.
+// Runs after every record queued before the publisher left has been handed over. It reads
+// what the data callback stores; the published copies belong to the main thread.
 void disconnect_then_print(int channel, void* context) {
     _disconnect_cb(channel, context);
-    print_state("disconnected");
+    print_state("disconnected", g_frequency, g_mcs, g_power_idx);
 }
 
 }  // namespace
@@ -39,8 +38,10 @@ int main(int argc, char* argv[]) {
     for (;;) {
         // Polled like the monitor loop does, once per pass.
         if (g_vtx_data_updated.exchange(false)) {
-            print_state("taken");
-            if (g_frequency == stop_frequency)
+            int mcs, frequency, power_index;
+            get_vtx_config(&mcs, &frequency, &power_index);
+            print_state("taken", frequency, mcs, power_index);
+            if (frequency == stop_frequency)
                 break;
         }
         usleep(1000);
