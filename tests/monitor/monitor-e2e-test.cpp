@@ -10,14 +10,7 @@
 namespace {
 
 using Enough = std::function<bool(const std::string& out, const std::string& err)>;
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
-         start = end + 1)
-        lines.push_back(text.substr(start, end - start));
-    return lines;
-}
+using orca_test::lines_of;
 
 size_t count(const std::string& text, const std::string& what) {
     size_t n = 0;
@@ -36,18 +29,16 @@ struct MonitorRun {
 
 // `orca-vtx-i2c-monitor -d 1 args...` on a board set up with `board` (orca-board-sim
 // options), until `enough` holds for what it printed; then `signal` ends it.
-MonitorRun run_monitor(std::vector<std::string> board, const std::vector<std::string>& args,
+MonitorRun run_monitor(const std::vector<std::string>& board, const std::vector<std::string>& args,
                        const Enough& enough, int signal = SIGTERM) {
     orca_test::TempDir tmp;
     const std::string root = tmp.path() + "/board";
-    board.insert(board.begin(), {"--root", root});
     std::vector<std::string> command = {ORCA_MONITOR_BINARY, "-d", "1"};
     command.insert(command.end(), args.begin(), args.end());
     orca_test::ProcessOptions options;
     options.stop_when = [&](const orca_test::ProcessResult& r) { return enough(r.out, r.err); };
     options.stop_signal = signal;
-    const orca_test::BoardRunResult board_run =
-        orca_test::run_on_board(ORCA_BOARD_SIM, board, command, options);
+    const orca_test::BoardRun board_run = orca_test::run_on_board(board, command, root, options);
     const orca_test::ProcessResult& result = board_run.result;
 
     // Nothing of this board may outlive it: no tool, shell or publisher.
@@ -64,18 +55,18 @@ MonitorRun run_monitor(std::vector<std::string> board, const std::vector<std::st
         if (line != "Connected to VTX Latency pipe")
             run.out.push_back(line);
     run.err = lines_of(result.err);
-    run.commands = lines_of(orca_test::read_file(root + "/commands.log"));
+    run.commands = board_run.lines("commands.log");
     run.exit_status = result.exit_status;
-    run.virtual_seconds = board_run.report_number("wait_ns") / 1e9;
+    run.virtual_seconds = board_run.wait_seconds;
     return run;
 }
 
 std::string reading(const std::string& ch0, const std::string& label, const std::string& ch1,
-                    const std::string& frequency = "5800",
-                    const std::string& temperature = "25.00") {
+                    const std::string& frequency = "5800", const std::string& temperature = "25.00",
+                    const std::string& mcs_and_power = "MCS: 0   Power: 1") {
     return "2.4 GHz (CH0): " + ch0 + "   " + label + " GHz (CH1): " + ch1 +
-           "   Temperature (C): " + temperature + "   Freq: " + frequency +
-           " MHz   MCS: 0   Power: 1";
+           "   Temperature (C): " + temperature + "   Freq: " + frequency + " MHz   " +
+           mcs_and_power;
 }
 
 TEST(Monitor, ShowsTheDefaultRadioStateUntilTheServicePublishes) {
@@ -157,6 +148,29 @@ TEST(Monitor, AdjustmentSearchesOnceFromPowerOne) {
         EXPECT_NE(out.find("to achieve 20.00 dBm at 5.8 GHz...\n"), std::string::npos) << out;
         EXPECT_EQ(count(out, "Searching for optimal power level"), 1u);
     }
+}
+
+TEST(Monitor, AdjustmentAndLinesFollowTheBandAndMcsThatTheServicePublishes) {
+    // The first five reads fail; their retry waits, at 3 % of real time, let the service's
+    // first record (5180 MHz, MCS 3) arrive before the first line and the search.
+    const auto run = run_monitor({"--set", "frequency_mhz=5180", "--set", "mcs=3", "--fault",
+                                  "write:0x1d:1:5", "--time-scale", "0.03"},
+                                 {"-adjust-dbm", "20"}, search_done);
+    size_t search = 0;
+    while (search < run.out.size() && run.out[search].rfind("Searching for", 0) != 0)
+        ++search;
+    ASSERT_LT(search, run.out.size());
+    ASSERT_GE(search, 2u);
+    const std::string& before = run.out[search - 1];
+    ASSERT_NE(before.find("Freq: 5180 MHz"), std::string::npos)
+        << "the service's first record came too late: " << before;
+    // Converted with the MCS 3 column; the MCS 0 one reads 7.00 dBm at this voltage.
+    EXPECT_EQ(before, reading("11.62 dBm (44.82 mV)", "5.1", "9.00 dBm (378.37 mV)", "5180",
+                              "25.00", "MCS: 3   Power: 1"));
+    EXPECT_EQ(run.out[search],
+              "Searching for optimal power level (range: 1-60) to achieve 20.00 dBm at 5.1 GHz...");
+    EXPECT_EQ(run.out.back(), reading("11.62 dBm (44.82 mV)", "5.1", "19.86 dBm (645.56 mV)",
+                                      "5180", "25.00", "MCS: 3   Power: 22"));
 }
 
 }  // namespace

@@ -150,6 +150,9 @@ TEST_F(PowerAdjustTest, SearchBisectsThenScansWithinItsTargetAndBandLimits) {
          "readings at high power)\nOptimal power level found: 1\n"},
         {10, 5800, 0.5, 20, "30 15 22 18 20 21 21", "",
          "Testing power level 20 -> 0.0 dBm\ndBm too low, searching higher range (21 to 21)\n"},
+        // Index 25 is not yet high power: its zero reading is only far from the target.
+        {24.75, 5800, 1.0, 25, "30 15 22 26 24 25 24", "",
+         "Testing power level 25 -> 0.0 dBm\nBinary search complete. Best power level found: 24\n"},
         {30.2, 5800, 0.5, 0, "30 45 53 57 59 60 60",
          "Desired dBm is too high. Capping to 30 dBm.\n", "achieve 30.00"},
         {30.1, 5299, 0.5, 0, "30 45 53 57 59 60 60", "", "achieve 30.00"},

@@ -1,6 +1,7 @@
-// Runs the tool's vtx_latency callbacks on a pipe given on the command line and prints the
-// radio state each time a record is taken, until the stop frequency shows up.
-// Usage: pipe-test-client PIPE_DIR STOP_FREQUENCY
+// Opens the vtx_latency pipe as the tool does (its path, read buffer and callbacks) and prints
+// the radio state each time a record is taken and each time the publisher goes away, until
+// the stop frequency shows up. Runs on the simulated board, whose sandbox holds /run/fjp.
+// Usage: pipe-test-client STOP_FREQUENCY
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,24 +10,37 @@
 #include "fjord_pipe.h"
 #include "vtx_pipe.h"
 
+namespace {
+
+void print_state(const char* when, int frequency, int mcs, int power_index) {
+    printf("%s: vtx frequency=%d mcs=%d power_index=%d\n", when, frequency, mcs, power_index);
+}
+
+// Runs after every record queued before the publisher left has been handed over. It reads
+// what the data callback stores; the published copies belong to the main thread.
+void disconnect_then_print(int channel, void* context) {
+    _disconnect_cb(channel, context);
+    print_state("disconnected", g_frequency, g_mcs, g_power_idx);
+}
+
+}  // namespace
+
 int main(int argc, char* argv[]) {
-    if (argc != 3) {
-        fprintf(stderr, "Usage: pipe-test-client PIPE_DIR STOP_FREQUENCY\n");
+    if (argc != 2) {
+        fprintf(stderr, "Usage: pipe-test-client STOP_FREQUENCY\n");
         return 1;
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    const int stop_frequency = atoi(argv[2]);
-    pipe_client_set_connect_cb(0, _connect_cb, nullptr);
-    pipe_client_set_disconnect_cb(0, _disconnect_cb, nullptr);
-    pipe_client_set_simple_helper_cb(0, _vtx_data_cb, nullptr);
-    if (pipe_client_open(0, argv[1], "pipe-test-client", CLIENT_FLAG_EN_SIMPLE_HELPER, 32768) < 0)
+    const int stop_frequency = atoi(argv[1]);
+    if (init_vtx_pipe() < 0)
         return 1;
+    pipe_client_set_disconnect_cb(0, disconnect_then_print, nullptr);
     for (;;) {
         // Polled like the monitor loop does, once per pass.
         if (g_vtx_data_updated.exchange(false)) {
             int mcs, frequency, power_index;
             get_vtx_config(&mcs, &frequency, &power_index);
-            printf("vtx frequency=%d mcs=%d power_index=%d\n", frequency, mcs, power_index);
+            print_state("taken", frequency, mcs, power_index);
             if (frequency == stop_frequency)
                 break;
         }

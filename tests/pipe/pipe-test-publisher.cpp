@@ -3,12 +3,14 @@
 //   wait-client            wait until a client is connected
 //   record F M P           one good record (frequency, MCS, power index)
 //   bad-magic F M P        a record with a wrong magic number
+//   batch N F M P          N good records in one write, the last one with these values
 //   flood N                N writes of random bytes and lengths, never a good record
 //   until-gone F M P       a good record every 5 ms until no client is left
 //   crash                  die by SIGKILL, leaving the pipe's files behind
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -55,6 +57,16 @@ int main(int argc, char* argv[]) {
                 return 2;
         } else if (record.magic_number != 0) {
             pipe_server_write(0, &record, sizeof record);
+        } else if (action == "batch" && i + 4 < argc) {
+            std::vector<VtxLatencyRecord> batch(
+                static_cast<size_t>(std::max(1, atoi(argv[i + 1]))));
+            for (VtxLatencyRecord& each : batch)
+                each = {}, each.magic_number = 0x4F524341, each.frequency_mhz = 5000;
+            batch.back().frequency_mhz = atoi(argv[i + 2]);
+            batch.back().mcs = atoi(argv[i + 3]);
+            batch.back().power_index = atoi(argv[i + 4]);
+            i += 4;
+            pipe_server_write(0, batch.data(), static_cast<int>(batch.size() * sizeof batch[0]));
         } else if (action == "flood" && i + 1 < argc) {
             unsigned seed = 12345;
             std::vector<unsigned char> bytes(400);

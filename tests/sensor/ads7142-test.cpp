@@ -78,21 +78,23 @@ TEST_F(Ads7142Test, BufferEntriesBecomeRunningPeaksPerChannel) {
     EXPECT_EQ(ch0, 1799.560546875);
     EXPECT_EQ(ch1, 1799.560546875);
 
-    // Low 4 bits are not data; position, not the id there, decides the channel. The
-    // peak is over all pairs and only ever rises.
-    std::array<uint16_t, 16> entries = buffer_of(0x1001, 0x0800);
-    entries[6] = 0x200F;   // pair 3, channel 0: code 0x200 = 225 mV
-    entries[13] = 0x4000;  // pair 6, channel 1: code 0x400 = 450 mV
-    board_sim::queue_adc_buffer(entries);
-    ASSERT_EQ(write_register(fd_, 0x1E, 0x01), 0);
-    ch0 = 0.0;
+    // Low 4 bits are not data; position, not the id there, decides the channel. The peak
+    // is over all eight pairs, wherever it sits, and only ever rises.
+    for (size_t pair = 0; pair < 8; ++pair) {
+        std::array<uint16_t, 16> entries = buffer_of(0x1001, 0x0800);
+        entries[2 * pair] = 0x200F;            // channel 0: code 0x200 = 225 mV
+        entries[2 * (7 - pair) + 1] = 0x4000;  // channel 1: code 0x400 = 450 mV
+        board_sim::queue_adc_buffer(entries);
+        ASSERT_EQ(write_register(fd_, 0x1E, 0x01), 0);
+        ch0 = ch1 = 0.0;
+        ASSERT_EQ(read_all_data_buffer_entries_by_channel(fd_, &ch0, &ch1), 0);
+        EXPECT_EQ(ch0, 225.0) << "channel 0 peak in pair " << pair;
+        EXPECT_EQ(ch1, 450.0) << "channel 1 peak in pair " << 7 - pair;
+    }
     ch1 = 2000.0;
     ASSERT_EQ(read_all_data_buffer_entries_by_channel(fd_, &ch0, &ch1), 0);
     EXPECT_EQ(ch0, 225.0);
     EXPECT_EQ(ch1, 2000.0);
-    ch1 = 0.0;
-    ASSERT_EQ(read_all_data_buffer_entries_by_channel(fd_, &ch0, &ch1), 0);
-    EXPECT_EQ(ch1, 450.0);
 }
 
 TEST(TemperatureConversion, TwelveBitTwosComplementInSixteenthDegrees) {

@@ -16,7 +16,7 @@ const std::string kTool = ORCA_MONITOR_BINARY;
 
 orca_test::ProcessResult on_board(const std::vector<std::string>& options,
                                   const std::vector<std::string>& command) {
-    return orca_test::run_on_board(ORCA_BOARD_SIM, options, command).result;
+    return orca_test::run_on_board(options, command).result;
 }
 
 // Every name below a host directory with its size and modification time, or "absent".
@@ -91,11 +91,14 @@ TEST(BoardSimEndToEnd, RunLeavesTheHostsFixedPathsAlone) {
     const std::string run_before = snapshot("/run/fjp");
     orca_test::TempDir dir;
     const std::string root = dir.path() + "/board";
-    auto result = on_board({"--root", root},
-                           {"sh", "-c",
-                            "echo 1 > /data/quillon/vtx/calibrated_5_8.csv && "
-                            "mkdir -p /run/fjp/host_check && touch /run/fjp/host_check/info && "
-                            "cat /data/quillon/vtx/calibrated_5_8.csv"});
+    auto result = orca_test::run_on_board(
+                      {},
+                      {"sh", "-c",
+                       "echo 1 > /data/quillon/vtx/calibrated_5_8.csv && "
+                       "mkdir -p /run/fjp/host_check && touch /run/fjp/host_check/info && "
+                       "cat /data/quillon/vtx/calibrated_5_8.csv"},
+                      root)
+                      .result;
     EXPECT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.out, "1\n");
     EXPECT_EQ(snapshot("/data/quillon/vtx"), data_before);
@@ -107,7 +110,7 @@ TEST(BoardSimEndToEnd, RunLeavesTheHostsFixedPathsAlone) {
 TEST(BoardSimEndToEnd, OddFramesAreReportedAndTheTraceShowsThem) {
     // i2cset sends the converter a lone 0x55, which is no command of it: on purpose here.
     const std::vector<std::string> odd_frame = {"i2cset", "-y", "1", "0x1d", "0x55"};
-    auto run = orca_test::run_on_board(ORCA_BOARD_SIM, {"--no-publisher"}, odd_frame, {}, 1);
+    auto run = orca_test::run_on_board({"--no-publisher"}, odd_frame, "", {}, 1);
     EXPECT_EQ(run.result.exit_status, 0) << "the command's status stays its own";
     EXPECT_EQ(run.result.err,
               "orca-board-sim: 1 frame that no simulated device understood (ORCA_SIM_TRACE=bus "
@@ -132,8 +135,8 @@ TEST(BoardSimEndToEnd, OddFramesAreReportedAndTheTraceShowsThem) {
         SCOPED_TRACE(t.topics);
         orca_test::ProcessOptions options;
         options.env = {{"ORCA_SIM_TRACE", t.topics}};
-        run = orca_test::run_on_board(ORCA_BOARD_SIM, {"--no-publisher"},
-                                      {"sh", "-c", cat_table + " && i2cset -y 1 0x1d 0x55"},
+        run = orca_test::run_on_board({"--no-publisher"},
+                                      {"sh", "-c", cat_table + " && i2cset -y 1 0x1d 0x55"}, "",
                                       options, 1);
         for (const std::string& line : t.shown)
             EXPECT_NE(run.result.err.find(line), std::string::npos) << line << "\n"

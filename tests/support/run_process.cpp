@@ -209,4 +209,12 @@ std::string read_file(const std::string& path) {
     return text.str();
 }
 
+bool under_emulator() {
+#ifdef ORCA_TEST_EMULATOR
+    return true;
+#else
+    return false;
+#endif
+}
+
 }  // namespace orca_test

@@ -49,5 +49,7 @@ class TempDir {
 };
 
 std::string read_file(const std::string& path);
+// True in a cross build, whose programs run under an emulator (qemu-user).
+bool under_emulator();
 
 }  // namespace orca_test

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the library from the build tree into a scratch prefix, then configures, builds
 # and runs a small program against it with find_package(OrcaVtx).
-# Usage: install_consumer_test.sh BUILD_DIR CONSUMER_SOURCE_DIR CMAKE CXX CXX_FLAGS LINK_FLAGS
+# Usage: install-consumer-test.sh BUILD_DIR CONSUMER_SOURCE_DIR CMAKE CXX CXX_FLAGS LINK_FLAGS
 #                                 [TOOLCHAIN_FILE [EMULATOR]]
 # A cross build passes its toolchain file and the emulator that runs its programs.
 set -eu

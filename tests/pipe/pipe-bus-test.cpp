@@ -72,6 +72,7 @@ class PipeBus : public ::testing::Test {
 
 TEST_F(PipeBus, RecordsArriveWholeWhileTheServerRuns) {
     EXPECT_EQ(pipe_client_open(-1, pipe_.c_str(), "t", 1, 64), PIPE_ERROR_INVALID_ARG);
+    EXPECT_EQ(pipe_client_open(kChannel, pipe_.c_str(), "t", 1, 0), PIPE_ERROR_INVALID_ARG);
     const std::string longest = "/" + std::string(98, 'p');  // with "/control": 107 bytes
     EXPECT_EQ(pipe_client_open(kChannel, (longest + "q").c_str(), "t", 1, 64),
               PIPE_ERROR_PATH_TOO_LONG);
@@ -114,4 +115,13 @@ TEST_F(PipeBus, ControlCommandsReachTheServer) {
     EXPECT_EQ(set_perf_mode(), 0);
     EXPECT_EQ(events_.wait_for(2),
               (std::vector<std::string>{"stop", "set_cpu_mode_perf_with_pitmode"}));
+}
+
+TEST_F(PipeBus, CloseAllClosesEveryChannel) {
+    for (int channel = 0; channel < PIPE_CLIENT_MAX_CHANNELS; ++channel)
+        ASSERT_EQ(pipe_client_open(channel, pipe_.c_str(), "t", 1, 64), 0) << channel;
+    pipe_client_close_all();
+    // A channel still open would refuse to open again.
+    for (int channel = 0; channel < PIPE_CLIENT_MAX_CHANNELS; ++channel)
+        EXPECT_EQ(pipe_client_open(channel, pipe_.c_str(), "t", 1, 64), 0) << channel;
 }

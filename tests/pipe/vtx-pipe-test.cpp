@@ -32,6 +32,8 @@ TEST(VtxLatencyValidator, AcceptsWholeRecordsWithTheMagicNumberOnly) {
     // Every record is checked, and the magic prints as a signed number.
     std::string bad =
         wire_record(1, 1, 1, 0xFFFFFFFF) + wire_record(2, 2, 2) + wire_record(3, 3, 3, 0x12345678);
+    // The magic as a big-endian publisher would send it.
+    std::string swapped = wire_record(5180, 1, 10, 0x4143524F);
     const std::string partial = kPrefix + "read partial packet\nread 8";
     const std::string wrong = "ERROR got magic number 305419896, expected 1330791233\n";
     const struct {
@@ -49,6 +51,9 @@ TEST(VtxLatencyValidator, AcceptsWholeRecordsWithTheMagicNumberOnly) {
         {bad.data(), 243, -1,
          "ERROR got magic number -1, expected 1330791233\n" + wrong + kPrefix +
              "2 of 3 packets failed\n"},
+        {swapped.data(), 81, -1,
+         "ERROR got magic number 1094931023, expected 1330791233\n" + kPrefix +
+             "1 of 1 packets failed\n"},
         {good.data(), -5, -1, kPrefix + "number of bytes = -5\n"},
         {nullptr, 81, -1, kPrefix + "got NULL data pointer\n"},
     };

@@ -14,11 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "default_power_calibration.h"
+#include "board_run.h"
 #include "i2c-monitor.h"
+#include "listed_calibration_tables.h"
 #include "mv-to-dbm-file.h"
 #include "orca-vtx-helpers.h"
-#include "board_run.h"
 
 namespace {
 
@@ -36,40 +36,23 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-struct BoardRun {
-    orca_test::ProcessResult result;
-    std::string board;
-    double wait_s = -1.0;
-    std::string path(const std::string& tag) const {
-        return board + "/data/quillon/vtx/calibrated_" + tag + ".csv";
-    }
-    std::string file(const std::string& tag) const { return orca_test::read_file(path(tag)); }
-    Rows mp_log() const { return split(orca_test::read_file(board + "/mp.log")); }
-    Rows commands() const { return split(orca_test::read_file(board + "/commands.log")); }
-};
+// A calibration file of the run's sandbox, by band tag.
+std::string calibration_path(const std::string& tag) {
+    return "/data/quillon/vtx/calibrated_" + tag + ".csv";
+}
 
 class CalibrationEndToEnd : public testing::Test {
   protected:
     // Runs the tool on bus 1 of a fresh board; `seed` is a calibration file left beforehand.
-    BoardRun calibrate(const std::vector<std::string>& board_options,
-                       const std::vector<std::string>& tool_options,
-                       const std::string& seed_tag = "", const std::string& seed = "") {
-        BoardRun run;
-        run.board = dir_.path() + "/board" + std::to_string(++runs_);
+    orca_test::BoardRun calibrate(const std::vector<std::string>& board_options,
+                                  const std::vector<std::string>& tool_options,
+                                  const std::string& seed_tag = "", const std::string& seed = "") {
+        const std::string board = "board" + std::to_string(++runs_);
         if (!seed_tag.empty())
-            dir_.write_file("board" + std::to_string(runs_) + "/data/quillon/vtx/calibrated_" +
-                                seed_tag + ".csv",
-                            seed);
-        std::vector<std::string> board{"--root", run.board};
-        board.insert(board.end(), board_options.begin(), board_options.end());
+            dir_.write_file(board + calibration_path(seed_tag), seed);
         std::vector<std::string> command{ORCA_MONITOR_BINARY, "-d", "1"};
         command.insert(command.end(), tool_options.begin(), tool_options.end());
-        const orca_test::BoardRunResult board_run =
-            orca_test::run_on_board(ORCA_BOARD_SIM, board, command);
-        run.result = board_run.result;
-        if (board_run.report.count("wait_ns"))
-            run.wait_s = board_run.report_number("wait_ns") / 1e9;
-        return run;
+        return orca_test::run_on_board(board_options, command, dir_.path() + "/" + board);
     }
 
     orca_test::TempDir dir_;
@@ -119,7 +102,7 @@ const std::string kStopTest = "orca-send-command vtx_latency stop_test 1";
 constexpr double kLevelSeconds = 0.65 + 3 * 0.1 + 4 * 0.060;  // settle, pauses, 4 read cycles
 
 TEST_F(CalibrationEndToEnd, FirstRunWritesTheBandFileThatTheServiceLoads) {
-    const BoardRun run = calibrate({}, {"-calibrate", "-f", "5180", "-m", "0"});
+    const orca_test::BoardRun run = calibrate({}, {"-calibrate", "-f", "5180", "-m", "0"});
     ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
     EXPECT_EQ(run.result.err, "");
     EXPECT_TRUE(
@@ -128,7 +111,7 @@ TEST_F(CalibrationEndToEnd, FirstRunWritesTheBandFileThatTheServiceLoads) {
                  "Safety measure: Power level set to 1 (minimum) after calibration\n"
                  "All calibrations completed!\n"));
 
-    const Rows rows = split(run.file("5_1"));
+    const Rows rows = split(run.file(calibration_path("5_1")));
     ASSERT_EQ(rows.size(), 64u);
     EXPECT_EQ(rows[0], "Power_Level,MCS0_mV,MCS0_mW");
     const auto reported = reported_cells(run.result.out);
@@ -139,15 +122,15 @@ TEST_F(CalibrationEndToEnd, FirstRunWritesTheBandFileThatTheServiceLoads) {
 
     Rows expected_commands = service_levels(5180, 0, levels_up_to(60));
     expected_commands.push_back(kStopTest);
-    EXPECT_EQ(run.commands(), expected_commands);
+    EXPECT_EQ(run.lines("commands.log"), expected_commands);
     // 4 s for the service to settle, 7 s after -F, the levels, 1 s after the run.
-    EXPECT_NEAR(run.wait_s, 4 + 7 + 60 * kLevelSeconds + 1, 1e-6);
+    EXPECT_NEAR(run.wait_seconds, 4 + 7 + 60 * kLevelSeconds + 1, 1e-6);
 
     // The loader keeps, per rounded mW, the level listed last.
     std::map<int, int> expected;
     for (const auto& [level, cells] : reported)
         expected[static_cast<int>(std::lround(std::stod(split(cells, ',')[1])))] = level;
-    const PowerCalibrationMap loaded = loadPowerCalibrationData(run.path("5_1"));
+    const PowerCalibrationMap loaded = loadPowerCalibrationData(run.root + calibration_path("5_1"));
     ASSERT_EQ(loaded.size(), 1u);
     EXPECT_EQ(loaded.at(0), expected);
 }
@@ -159,11 +142,12 @@ TEST_F(CalibrationEndToEnd, RerunUpdatesItsOwnColumnsOfTheFileOnDisk) {
         "10,1.00,2.00,NA,NA\n"
         "61,NA,NA,NA,NA\n"
         "62,,,5.00,6.00\n";
-    BoardRun run = calibrate({}, {"-fast-calibrate", "-f", "5805", "-m", "3"}, "5_8", existing);
+    orca_test::BoardRun run =
+        calibrate({}, {"-fast-calibrate", "-f", "5805", "-m", "3"}, "5_8", existing);
     ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
     EXPECT_TRUE(
         contains(run.result.out, "MCS3 columns already exist in the file, they will be updated\n"));
-    Rows rows = split(run.file("5_8"));
+    Rows rows = split(run.file(calibration_path("5_8")));
     ASSERT_EQ(rows.size(), 64u);
     EXPECT_EQ(rows[0], "Power_Level,MCS3_mV,MCS3_mW,MCS7_mV,MCS7_mW");
     EXPECT_EQ(rows[1], "10," + reported_cells(run.result.out).at(10) + ",NA,NA");
@@ -179,14 +163,14 @@ TEST_F(CalibrationEndToEnd, RerunUpdatesItsOwnColumnsOfTheFileOnDisk) {
     EXPECT_EQ(run.result.err,
               "Header would be too long after adding new columns\n"
               "Calibration failed for Frequency: 5805 MHz, MCS: 0\n");
-    EXPECT_EQ(run.file("5_8"), "");
+    EXPECT_EQ(run.file(calibration_path("5_8")), "");
     EXPECT_FALSE(contains(run.result.out, "Calibration complete!"));
-    EXPECT_EQ(run.commands().end()[-2], "orca-configure-vtx -p 60");
+    EXPECT_EQ(run.lines("commands.log").end()[-2], "orca-configure-vtx -p 60");
 }
 
 TEST_F(CalibrationEndToEnd, FastRunEstimatesFromTheDefaultsShiftedByTheAnchors) {
     // This board's 5 GHz detector reads 12.5 mV above the typical one.
-    const BoardRun run = calibrate({"--set", "ch1_offset_mv=12.5"}, {"-fast-calibrate"});
+    const orca_test::BoardRun run = calibrate({"--set", "ch1_offset_mv=12.5"}, {"-fast-calibrate"});
     ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
     EXPECT_EQ(run.result.err, "");
     for (const char* combination : {"2412 MHz, MCS: 0", "2412 MHz, MCS: 3", "5180 MHz, MCS: 0",
@@ -194,18 +178,19 @@ TEST_F(CalibrationEndToEnd, FastRunEstimatesFromTheDefaultsShiftedByTheAnchors) 
         EXPECT_TRUE(contains(
             run.result.out, std::string("Starting fast calibration for Frequency: ") + combination))
             << combination;
-    EXPECT_NEAR(run.wait_s, 6 * (4 + 7 + 6 * kLevelSeconds + 1), 1e-6);
+    EXPECT_NEAR(run.wait_seconds, 6 * (4 + 7 + 6 * kLevelSeconds + 1), 1e-6);
     for (const char* tag : {"2_4", "5_8"})
-        EXPECT_EQ(split(run.file(tag))[0], "Power_Level,MCS0_mV,MCS0_mW,MCS3_mV,MCS3_mW");
+        EXPECT_EQ(split(run.file(calibration_path(tag)))[0],
+                  "Power_Level,MCS0_mV,MCS0_mW,MCS3_mV,MCS3_mW");
 
     // MCS 0 at 5180 MHz, the first pair of the 5.1 file.
-    const Rows rows = split(run.file("5_1"));
+    const Rows rows = split(run.file(calibration_path("5_1")));
     ASSERT_EQ(rows.size(), 64u);
     std::map<int, double> offsets;
     for (int anchor : kAnchors)
         offsets[anchor] =
-            std::stod(split(rows[anchor], ',')[1]) - default_cal_get_mv("5_1", 0, anchor);
-    const std::string table = run.board + "/data/quillon/vtx/5_1_mv_to_dbm.csv";
+            std::stod(split(rows[anchor], ',')[1]) - orca_test::listed_mv("5_1", 0, anchor);
+    const std::string table = run.root + "/data/quillon/vtx/5_1_mv_to_dbm.csv";
     for (int level = 1; level <= 60; ++level) {
         if (offsets.count(level))
             continue;
@@ -217,7 +202,7 @@ TEST_F(CalibrationEndToEnd, FastRunEstimatesFromTheDefaultsShiftedByTheAnchors) 
             offset = low->second + (level - low->first) * (high->second - low->second) /
                                        (high->first - low->first);
         }
-        const double mv = std::max(1.0, default_cal_get_mv("5_1", 0, level) + offset);
+        const double mv = std::max(1.0, orca_test::listed_mv("5_1", 0, level) + offset);
         const Rows cells = split(rows[level], ',');
         ASSERT_EQ(cells.size(), 5u) << rows[level];
         // The anchors reach us rounded to 0.01 mV, so ours may be 0.005 mV off the tool's
@@ -237,17 +222,25 @@ TEST_F(CalibrationEndToEnd, FastRunEstimatesFromTheDefaultsShiftedByTheAnchors) 
 TEST_F(CalibrationEndToEnd, SafetyStopsKeepTheLevelThatTrippedThem) {
     // Too hot at the first anchor: it records the temperature, levels below take the plain
     // defaults, nothing above is calibrated.
-    BoardRun run = calibrate({"--set", "temperature_c=76.37"},
-                             {"-fast-calibrate", "-f", "5180", "-m", "0", "-temp_test"});
+    orca_test::BoardRun run = calibrate({"--set", "temperature_c=76.37"},
+                                        {"-fast-calibrate", "-f", "5180", "-m", "0", "-temp_test"});
     ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
     EXPECT_TRUE(contains(run.result.out,
                          "°C) exceeds safety threshold of 75.0°C at power level 10\n"
                          "Stopping calibration for safety reasons\n"));
-    Rows rows = split(run.file("5_1"));
+    Rows rows = split(run.file(calibration_path("5_1")));
     ASSERT_EQ(rows.size(), 64u);
     EXPECT_EQ(rows[10], "10,TEMP_ERROR_76_3,TEMP_ERROR_76_3");
-    EXPECT_EQ(split(rows[4], ',')[1], format2(default_cal_get_mv("5_1", 0, 4)));
+    EXPECT_EQ(split(rows[4], ',')[1], format2(orca_test::listed_mv("5_1", 0, 4)));
     EXPECT_EQ(rows[11], "11,-1,-1");
+
+    // At the limit itself the run goes on to the last anchor.
+    run = calibrate({"--set", "temperature_c=75.0"},
+                    {"-fast-calibrate", "-f", "5180", "-m", "0", "-temp_test"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_FALSE(contains(run.result.out, "exceeds safety threshold")) << run.result.out;
+    EXPECT_TRUE(contains(run.result.out, "Power 1 level 60: ")) << run.result.out;
+    EXPECT_TRUE(contains(run.result.out, "Temperature = 75.00°C\n")) << run.result.out;
 
     // Too strong: the level above 31.5 dBm is the last one measured and written.
     run = calibrate({"--set", "ch0_offset_mv=30"}, {"-calibrate", "-f", "2412", "-m", "1"});
@@ -261,19 +254,19 @@ TEST_F(CalibrationEndToEnd, SafetyStopsKeepTheLevelThatTrippedThem) {
                           &stop),
               1);
     ASSERT_GT(stop, 1);
-    rows = split(run.file("2_4"));
+    rows = split(run.file(calibration_path("2_4")));
     ASSERT_EQ(rows.size(), 64u);
     EXPECT_NE(rows[stop], std::to_string(stop) + ",-1,-1");
     EXPECT_EQ(rows[stop + 1], std::to_string(stop + 1) + ",-1,-1");
     Rows expected = service_levels(2412, 1, levels_up_to(stop));
     expected.push_back(kStopTest);
-    EXPECT_EQ(run.commands(), expected);
+    EXPECT_EQ(run.lines("commands.log"), expected);
 }
 
 TEST_F(CalibrationEndToEnd, FailedCombinationsLeaveTheirFilesAndTheRunGoesOn) {
     // From the 241st converter read on every buffer read fails: anchor 10 takes 240. 3000 MHz
     // is in no band, and the service refuses to stop its test.
-    const BoardRun run =
+    const orca_test::BoardRun run =
         calibrate({"--fault", "read:0x1d:241:0", "--set", "send_command_status=3"},
                   {"-fast-calibrate", "-f", "5180", "-f", "3000", "-m", "0"}, "5_1", "kept\n");
     ASSERT_EQ(run.result.exit_status, 0);
@@ -292,11 +285,11 @@ TEST_F(CalibrationEndToEnd, FailedCombinationsLeaveTheirFilesAndTheRunGoesOn) {
     EXPECT_TRUE(contains(run.result.out,
                          "Safety measure: Power level set to 1 (minimum) after fast calibration "
                          "anchor failure\n"));
-    EXPECT_EQ(run.file("5_1"), "kept\n");
+    EXPECT_EQ(run.file(calibration_path("5_1")), "kept\n");
     Rows commands = service_levels(5180, 0, kAnchors);
     commands.insert(commands.end(), {"orca-configure-vtx -F 3000", "orca-configure-vtx -m 0",
                                      "orca-configure-vtx -F 3000", kStopTest});
-    EXPECT_EQ(run.commands(), commands);
+    EXPECT_EQ(run.lines("commands.log"), commands);
 }
 
 // What the MP script should have been sent for one combination.
@@ -310,7 +303,7 @@ void expect_mp_levels(Rows* expected, int frequency, int mcs, const std::vector<
 }
 
 TEST_F(CalibrationEndToEnd, MpScriptCarriesTheWholeRun) {
-    const BoardRun run =
+    const orca_test::BoardRun run =
         calibrate({}, {"-fast-calibrate", "-mp", "-f", "2412", "-f", "2437", "-m", "0"});
     ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
     EXPECT_EQ(run.result.err,
@@ -328,18 +321,50 @@ TEST_F(CalibrationEndToEnd, MpScriptCarriesTheWholeRun) {
     expect_mp_levels(&expected, 2412, 0, kAnchors);
     expect_mp_levels(&expected, 2437, 0, levels_up_to(60));
     expected.push_back("quit");
-    EXPECT_EQ(run.mp_log(), expected);
-    EXPECT_EQ(run.commands(), Rows{}) << "the service is not involved";
+    EXPECT_EQ(run.lines("mp.log"), expected);
+    EXPECT_EQ(run.lines("commands.log"), Rows{}) << "the service is not involved";
     // No settling waits with the MP script, only the levels (and the script's exit).
-    EXPECT_GE(run.wait_s, 66 * kLevelSeconds - 1e-6);
-    EXPECT_LT(run.wait_s, 66 * kLevelSeconds + 1.0);
-    EXPECT_EQ(split(run.file("2_4")).size(), 64u);
+    EXPECT_GE(run.wait_seconds, 66 * kLevelSeconds - 1e-6);
+    EXPECT_LT(run.wait_seconds, 66 * kLevelSeconds + 1.0);
+    EXPECT_EQ(split(run.file(calibration_path("2_4"))).size(), 64u);
+}
+
+TEST_F(CalibrationEndToEnd, StatusPipeThatCannotBeOpenedEndsEveryRunButAnMpOne) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "AddressSanitizer cannot run within an address-space limit";
+#endif
+    if (orca_test::under_emulator())
+        GTEST_SKIP() << "the emulator reserves more address space than the limit allows";
+    // Reader threads get 3 GB stacks in a 2 GB address space: the pipe client cannot start.
+    const std::string tool = std::string("ulimit -s 3000000 && ulimit -v 2000000 && exec ") +
+                             ORCA_MONITOR_BINARY + " -d 1 ";
+    const struct {
+        std::string options;
+        int status;
+    } cases[] = {
+        {"-calibrate -f 5180 -m 0", 1},
+        {"-fast-calibrate -f 5180 -m 0", 1},
+        {"-adjust-dbm 20", 1},
+        {"-fast-calibrate -mp -f 5180 -m 0", 0},  // the MP script needs no status pipe
+    };
+    for (const auto& c : cases) {
+        const orca_test::BoardRun run = orca_test::run_on_board(
+            {}, {"sh", "-c", tool + c.options}, dir_.path() + "/board" + std::to_string(++runs_));
+        EXPECT_EQ(run.result.exit_status, c.status) << c.options << run.result.err;
+        if (c.status != 0) {
+            EXPECT_EQ(run.result.out, "") << c.options;
+            EXPECT_TRUE(contains(run.result.err, "Failed to initialize VTX pipe\n")) << c.options;
+            EXPECT_EQ(run.lines("commands.log"), Rows{}) << c.options;
+        } else {
+            EXPECT_TRUE(contains(run.result.out, "All calibrations completed!\n"));
+        }
+    }
 }
 
 TEST_F(CalibrationEndToEnd, MpScriptThatDoesNotStartEndsTheTool) {
     for (const char* mode : {"fail", "error", "eof", "missing"}) {
-        const BoardRun run = calibrate({"--set", std::string("mp_start=") + mode},
-                                       {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
+        const orca_test::BoardRun run = calibrate({"--set", std::string("mp_start=") + mode},
+                                                  {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
         EXPECT_EQ(run.result.exit_status, 1) << mode;
         EXPECT_TRUE(contains(run.result.err,
                              "Error: the MP session did not start (see the [mp] lines above; the "
@@ -351,28 +376,28 @@ TEST_F(CalibrationEndToEnd, MpScriptThatDoesNotStartEndsTheTool) {
 
 TEST_F(CalibrationEndToEnd, MpScriptMisbehaving) {
     // A setting the script never answers costs 20 s, then the combination is given up.
-    BoardRun run =
+    orca_test::BoardRun run =
         calibrate({"--set", "mp_stall=freq"}, {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
     EXPECT_EQ(run.result.exit_status, 0);
     EXPECT_EQ(run.result.err,
               "[mp] no answer to 'freq 5180'\n"
               "Calibration failed for Frequency: 5180 MHz, MCS: 0 (MP rejected the setting)\n");
-    EXPECT_GE(run.wait_s, 19.99);
-    EXPECT_LT(run.wait_s, 21.0);
+    EXPECT_GE(run.wait_seconds, 19.99);
+    EXPECT_LT(run.wait_seconds, 21.0);
 
     // A script that stays after quit is drained for 10 s, waited for 10 s, then terminated.
     run = calibrate({"--set", "mp_quit=ignore", "--set", "mp_refuse=freq"},
                     {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
     EXPECT_EQ(run.result.exit_status, 0);
-    EXPECT_EQ(run.mp_log().back(), "terminated");
-    EXPECT_GE(run.wait_s, 19.99);
+    EXPECT_EQ(run.lines("mp.log").back(), "terminated");
+    EXPECT_GE(run.wait_seconds, 19.99);
     EXPECT_TRUE(contains(run.result.out, "All calibrations completed!\n"));
 
     // Ctrl-C in the middle of a run ends the tool and the script at once.
     run =
         calibrate({"--set", "mp_interrupt=resume"}, {"-calibrate", "-mp", "-f", "5180", "-m", "0"});
     EXPECT_EQ(run.result.exit_status, 130);
-    EXPECT_EQ(run.mp_log().back(), "terminated");
+    EXPECT_EQ(run.lines("mp.log").back(), "terminated");
     EXPECT_FALSE(contains(run.result.out, "All calibrations completed!"));
 }
 

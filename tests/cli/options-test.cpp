@@ -1,5 +1,6 @@
 // What parse_arguments leaves in the option globals for main and the calibration driver, and
-// the debug lines that no option can switch on.
+// the debug lines that no option can switch on. On a simulated board whose bus 3 carries the
+// detector pair and bus 4 nothing; the presence test runs the real i2cdetect on them.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,11 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "board-sim.h"
 #include "capture_output.h"
 #include "i2c-monitor.h"
-#include "orca-vtx-i2c-monitor.h"
 #include "option_globals.h"
-#include "run_process.h"
+#include "orca-vtx-i2c-monitor.h"
 
 namespace {
 
@@ -20,10 +21,25 @@ const OptionGlobals kStart;
 class ParseArguments : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        setenv("PATH", (std::string(FAKE_BIN_DIR) + ":" + getenv("PATH")).c_str(), 1);
+        // i2cdetect lives in /usr/sbin, which a user's PATH may lack.
+        setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin").c_str(), 1);
     }
-    void SetUp() override { kStart.restore(); }
+    void SetUp() override {
+        ASSERT_TRUE(board_sim::active()) << "run under libboard-sim.so (orca_add_sim_test)";
+        board_sim::reset_board();
+        set_board(3);
+        kStart.restore();
+    }
     void TearDown() override { kStart.restore(); }
+
+    // Buses 3 and 4; the pair on `vtx_bus` (-1: nowhere).
+    static void set_board(int vtx_bus) {
+        ASSERT_EQ(board_sim::update_board_state([&](board_sim::BoardState* state) {
+                      state->buses = {3, 4};
+                      state->adc_bus = state->temp_bus = vtx_bus;
+                  }),
+                  0);
+    }
 
     RunMode parse(std::vector<std::string> args) {
         args.insert(args.begin(), "orca-vtx-i2c-monitor");
@@ -67,18 +83,23 @@ TEST_F(ParseArguments, FastCalibrationDefaultsEachListOnItsOwn) {
 }
 
 TEST_F(ParseArguments, BusValueNamesTheDeviceAndThePresenceTest) {
-    orca_test::TempDir dir;
-    const std::string log = dir.path() + "/i2cdetect.log";
-    setenv("FAKE_I2CDETECT_LOG", log.c_str(), 1);
     EXPECT_EQ(parse({"-d", "7", "-d", "123456789012345"}), RUN_MODE_MONITOR);
     EXPECT_STREQ(I2C_DEVICE, "/dev/i2c-12345678901");
     EXPECT_EQ(parse({"-d", "1x"}), RUN_MODE_MONITOR);
     EXPECT_STREQ(I2C_DEVICE, "/dev/i2c-1x");
-    // A bus text that would run commands of its own never reaches the shell.
-    EXPECT_EQ(parse({"-d", "3;true", "-calibrate"}), RUN_MODE_ERROR);
-    EXPECT_EQ(printed_.err, "Error: Cannot calibrate - VTX not found on I2C bus 3;true\n");
-    unsetenv("FAKE_I2CDETECT_LOG");
-    EXPECT_EQ(orca_test::read_file(log), "-r -y 12345678901\n-r -y 1x\n");
+    // The presence test gets the value cut to 11 characters, as the device name does:
+    // i2cdetect reads 00000000003 as bus 3, but 000000000031 would be bus 31.
+    const std::vector<std::string> calibrate = {"-calibrate", "-f", "5180", "-m", "0"};
+    std::vector<std::string> args = {"-d", "000000000031"};
+    args.insert(args.end(), calibrate.begin(), calibrate.end());
+    EXPECT_EQ(parse(args), RUN_MODE_CALIBRATE) << printed_.err;
+    EXPECT_STREQ(I2C_DEVICE, "/dev/i2c-00000000003");
+    // A bus text that would run commands of its own never reaches the shell, where this one
+    // would find the pair.
+    args = {"-d", "3|cat"};
+    args.insert(args.end(), calibrate.begin(), calibrate.end());
+    EXPECT_EQ(parse(args), RUN_MODE_ERROR);
+    EXPECT_EQ(printed_.err, "Error: Cannot calibrate - VTX not found on I2C bus 3|cat\n");
 }
 
 // The debug lines, which no option switches on: the summary shows the tuning that monitor
@@ -99,13 +120,13 @@ TEST_F(ParseArguments, DebugPrintsSummariseMonitorSettingsAndNameMissingBuses) {
     EXPECT_EQ(g_calib_params.num_frequencies + g_calib_params.num_mcs, 0);
     EXPECT_FALSE(g_calibrate_f_flag || g_calibrate_m_flag);
 
-    // The last, since a machine with real buses cannot show it.
+    // Without the pair the scan names every bus but the two that exist.
+    set_board(-1);
     std::string missing;
-    for (int bus = 0; bus <= 16; ++bus) {
-        if (access(("/dev/i2c-" + std::to_string(bus)).c_str(), F_OK) == 0)
-            GTEST_SKIP() << "this machine has /dev/i2c-" << bus;
-        missing += "I2C bus " + std::to_string(bus) + " device file does not exist, skipping...\n";
-    }
+    for (int bus = 0; bus <= 16; ++bus)
+        if (bus != 3 && bus != 4)
+            missing +=
+                "I2C bus " + std::to_string(bus) + " device file does not exist, skipping...\n";
     EXPECT_EQ(parse({"-s", "7"}), RUN_MODE_ERROR);
     EXPECT_EQ(printed_.out.substr(0, missing.size() + 6), missing + "Usage:");
     EXPECT_EQ(printed_.err, "ERROR: No VTX found after scanning I2C buses 0-15 (16 ports total)\n");

@@ -103,11 +103,13 @@ TEST_F(PowerFeedback, LeavesTheIndexAloneWhenNothingIsToBeDone) {
     EXPECT_TRUE(control.active);
     EXPECT_EQ(control.step_count, 1);
     config.alt_power_enabled = false;
-    // Falling below after stepping down settles on the level reached (profiles to 999 mW).
-    control = PowerControl{false, true, 3, 0, 0, 3, 0.05, 2};
+    // Falling below after stepping down settles on the level reached (profiles to 999 mW),
+    // and the band goes back to its usual width.
+    control = PowerControl{false, true, 3, 0, 0, 3, 0.08, 2};
     measure({60});
     EXPECT_FALSE(control.active);
     EXPECT_EQ(control.low_limit_mw, 60);
+    EXPECT_EQ(control.tolerance, 0.05);
     control.active = true;
     control.step_count = 1;
     profile.power_idx = 63;  // not regulated
