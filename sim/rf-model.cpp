@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "board-physics.h"
 #include "default_power_calibration.h"
 
 namespace board_sim {
@@ -165,7 +166,86 @@ double curve_dbm(const std::vector<CurvePoint>& curve, double mv) {
     return curve.back().dbm;
 }
 
+int tag_number(const char* tag) {
+    for (int i = 0; i < 3; ++i)
+        if (std::strcmp(tag, kBandTags[i]) == 0)
+            return i;
+    return 2;
+}
+
+int listed_number(int mcs) {
+    const int listed = listed_mcs(mcs);
+    return listed == 3 ? 2 : listed;
+}
+
+// The default tables parsed once: output dBm per power level and the detector curve, per
+// band and listed MCS.
+struct NominalTables {
+    double dbm[3][3][kMaxPowerIndex + 1];
+    std::vector<CurvePoint> curve[3][3];
+    NominalTables() {
+        const int listed[3] = {0, 1, 3};
+        for (int t = 0; t < 3; ++t) {
+            for (int m = 0; m < 3; ++m) {
+                dbm[t][m][0] = kNoCarrierDbm;
+                for (int level = 1; level <= kMaxPowerIndex; ++level) {
+                    const double mw = default_mw(kBandTags[t], listed[m], level);
+                    dbm[t][m][level] = mw > 0.0 ? 10.0 * std::log10(mw) : kNoCarrierDbm;
+                }
+                curve[t][m] = detector_curve(kBandTags[t], listed[m]);
+            }
+        }
+    }
+};
+
+const NominalTables& nominal_tables() {
+    static const NominalTables tables;
+    return tables;
+}
+
 }  // namespace
+
+double nominal_output_dbm(const char* tag, int mcs, int power_index) {
+    return nominal_tables().dbm[tag_number(tag)][listed_number(mcs)][clamp_power(power_index)];
+}
+
+double nominal_top_dbm(const char* tag, int mcs) {
+    double top = kNoCarrierDbm;
+    for (int level = 1; level <= kMaxPowerIndex; ++level)
+        top = std::max(top, nominal_output_dbm(tag, mcs, level));
+    return top;
+}
+
+double nominal_detector_mv(const char* tag, int mcs, double dbm) {
+    const std::vector<CurvePoint>& curve =
+        nominal_tables().curve[tag_number(tag)][listed_number(mcs)];
+    if (curve.empty())
+        return kIdleDetectorMv;
+    const CurvePoint& first = curve.front();
+    if (dbm <= first.dbm) {
+        // Below the table the diode works in its square-law region: the swing above the idle
+        // voltage is proportional to the power.
+        return kIdleDetectorMv +
+               (first.mv - kIdleDetectorMv) * std::pow(10.0, (dbm - first.dbm) / 10.0);
+    }
+    // The first voltage at which the table's curve reaches the output (the measured curve
+    // is not everywhere monotonic).
+    for (size_t i = 1; i < curve.size(); ++i) {
+        const CurvePoint& a = curve[i - 1];
+        const CurvePoint& b = curve[i];
+        if (b.dbm >= dbm && a.dbm < dbm)
+            return a.mv + (b.mv - a.mv) * (dbm - a.dbm) / (b.dbm - a.dbm);
+    }
+    // Above the table: on with the slope of its top tenth, in mV per dB.
+    const CurvePoint& last = curve.back();
+    const CurvePoint& lower = curve[curve.size() - 1 - std::min<size_t>(curve.size() - 1, 6)];
+    double top_dbm = last.dbm;
+    for (const CurvePoint& point : curve)
+        top_dbm = std::max(top_dbm, point.dbm);
+    const double rise = top_dbm - lower.dbm;
+    const double mv_per_db = rise > 0.1 ? (last.mv - lower.mv) / rise : 20.0;
+    return last.mv + mv_per_db * (dbm - top_dbm);
+}
 
 const char* band_tag_for_frequency(int frequency_mhz) {
     const int hundreds = frequency_mhz / 100;
@@ -192,6 +272,12 @@ double detector_mv(const BoardState& state, int channel) {
 }
 
 double output_dbm(const BoardState& state) {
+    if (has_physics(state)) {
+        BoardPhysics physics;
+        std::string error;
+        if (read_physics(state, &physics, &error) == 0)
+            return settled_output_dbm(state, physics, state.temperature_c);
+    }
     const char* tag = band_tag_for_frequency(state.frequency_mhz);
     if (!state.tx_on || tag == nullptr)
         return kNoCarrierDbm;
