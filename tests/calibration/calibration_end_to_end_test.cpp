@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
@@ -317,7 +318,7 @@ double mv_cell(const BoardRun& run, const std::string& tag, int level) {
     return std::stod(split(split(run.file(tag))[level], ',')[1]);
 }
 
-TEST_F(CalibrationEndToEnd, RealBoardsShowThroughTheUnchangedTool) {
+TEST_F(CalibrationEndToEnd, RealBoardsShapeTheFullCalibration) {
     const std::vector<std::string> run_5805 = {"-calibrate", "-f", "5805", "-m", "0"};
     // The rise over the top 15 levels: about 3 dB on the ideal board, next to nothing where
     // the amplifier saturates; a stuck index measures the same output at every level.
@@ -344,32 +345,73 @@ TEST_F(CalibrationEndToEnd, RealBoardsShowThroughTheUnchangedTool) {
         }
         EXPECT_LT(highest - lowest, c.span_below) << c.board;
     }
+}
 
-    // A board without airflow crosses 75 °C near the top of a full run: -temp_test stops it
-    // there and leaves its mark in the file.
-    BoardRun run =
+TEST_F(CalibrationEndToEnd, HotBoardTripsTheTemperatureStopNearTheTop) {
+    // Without airflow the board crosses 75 °C late in a full run: -temp_test stops it there
+    // and leaves its mark in the file.
+    const BoardRun run =
         calibrate({"--board", "hot"}, {"-calibrate", "-f", "5805", "-m", "0", "-temp_test"});
     ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
-    int stop = 0;
+    EXPECT_TRUE(contains(run.result.out, "Stopping calibration for safety reasons\n"));
     const Rows rows = split(run.file("5_8"));
     ASSERT_EQ(rows.size(), 64u);
+    int stop = 0;
     for (int level = 1; level <= 60; ++level)
         if (contains(rows[level], ",TEMP_ERROR_"))
             stop = level;
     EXPECT_GE(stop, 40) << run.result.out;
-    EXPECT_EQ(rows[stop + 1 <= 63 ? stop + 1 : 63].find("TEMP_ERROR"), std::string::npos);
-    EXPECT_TRUE(contains(run.result.out, "Stopping calibration for safety reasons\n"));
+    for (int level = stop + 1; level <= 60; ++level)
+        EXPECT_EQ(rows[level], std::to_string(level) + ",-1,-1");
+}
 
-    // The tool waits 650 ms after each power change. A board whose output takes seconds to
-    // settle is read before it gets there: the anchors after the big steps of a fast run
-    // read far below what the same board shows once settled.
+TEST_F(CalibrationEndToEnd, RealBoardsShapeTheFastCalibration) {
     const std::vector<std::string> fast_5805 = {"-fast-calibrate", "-f", "5805", "-m", "0"};
-    const BoardRun settled = calibrate({"--board", "typical"}, fast_5805);
-    const BoardRun slow = calibrate({"--board", "typical", "--set", "settle_ms=3000"}, fast_5805);
-    ASSERT_EQ(slow.result.exit_status, 0) << slow.result.err;
-    EXPECT_LT(mv_cell(slow, "5_8", 35), mv_cell(settled, "5_8", 35) - 100.0);
-    EXPECT_NEAR(mv_cell(slow, "5_8", 60), mv_cell(settled, "5_8", 60), 60.0)
-        << "small steps at the top catch up";
+    const BoardRun typical = calibrate({"--board", "typical"}, fast_5805);
+    ASSERT_EQ(typical.result.exit_status, 0) << typical.result.err;
+    const auto nominal = reported_dbm(typical.result.out);
+    ASSERT_EQ(nominal.size(), 6u);
+    // Each check compares an anchor's cell (mV) or reported dBm with the typical board's.
+    using Check = std::function<void(const BoardRun&, const std::map<int, double>&)>;
+    const struct {
+        std::vector<std::string> board;
+        Check check;
+    } cases[] = {
+        // A dead amplifier leaves the detector at the bottom of its table everywhere.
+        {{"--board", "dead-pa"},
+         [&](const BoardRun&, const std::map<int, double>& dbm) {
+             for (const auto& [level, value] : dbm)
+                 EXPECT_LT(value, nominal.at(10) - 1.0) << "dead-pa level " << level;
+         }},
+        // The read cycle keeps the peak: a noisy detector reads high by about its noise.
+        {{"--board", "noisy-detector"},
+         [&](const BoardRun& run, const std::map<int, double>&) {
+             for (int anchor : kAnchors)
+                 EXPECT_NEAR(mv_cell(run, "5_8", anchor) - mv_cell(typical, "5_8", anchor), 24.0,
+                             6.0)
+                     << "noisy-detector anchor " << anchor;
+         }},
+        // Another card behind these tables: 5 dB less at the bottom of the range.
+        {{"--board", "swapped-card"},
+         [&](const BoardRun&, const std::map<int, double>& dbm) {
+             EXPECT_LT(dbm.at(10), nominal.at(10) - 3.0);
+         }},
+        // The tool waits 650 ms after each power change. A board whose output takes seconds
+        // to settle is read before it gets there: the anchor after the big step from 10 to
+        // 35 reads far below the settled board, the small steps at the top catch up.
+        {{"--board", "typical", "--set", "settle_ms=3000"},
+         [&](const BoardRun& run, const std::map<int, double>&) {
+             EXPECT_LT(mv_cell(run, "5_8", 35), mv_cell(typical, "5_8", 35) - 100.0);
+             EXPECT_NEAR(mv_cell(run, "5_8", 60), mv_cell(typical, "5_8", 60), 60.0);
+         }},
+    };
+    for (const auto& c : cases) {
+        const BoardRun run = calibrate(c.board, fast_5805);
+        ASSERT_EQ(run.result.exit_status, 0) << c.board[1] << run.result.err;
+        const auto dbm = reported_dbm(run.result.out);
+        ASSERT_EQ(dbm.size(), 6u) << c.board[1] << run.result.out;
+        c.check(run, dbm);
+    }
 }
 
 TEST_F(CalibrationEndToEnd, FirstReadingAfterAPowerChangeIsDiscarded) {
