@@ -186,15 +186,71 @@ struct NominalTables {
     NominalTables() {
         const int listed[3] = {0, 1, 3};
         for (int t = 0; t < 3; ++t) {
+            // Each table is read once here: every process that changes a real board's
+            // state needs these, and the simulated service runs once per power change.
+            const std::vector<std::vector<std::string>> rows = split_table(kBandTags[t]);
             for (int m = 0; m < 3; ++m) {
-                dbm[t][m][0] = kNoCarrierDbm;
-                for (int level = 1; level <= kMaxPowerIndex; ++level) {
-                    const double mw = default_mw(kBandTags[t], listed[m], level);
+                const std::string mcs = "MCS" + std::to_string(listed[m]);
+                const int mv_column = column_of(rows, mcs + "_mV");
+                const int mw_column = column_of(rows, mcs + "_mW");
+                double mv_at[kMaxPowerIndex + 1] = {};
+                for (int level = 0; level <= kMaxPowerIndex; ++level)
+                    dbm[t][m][level] = kNoCarrierDbm;
+                for (size_t r = 1; r < rows.size(); ++r) {
+                    const int level = std::atoi(rows[r][0].c_str());
+                    if (level < 1 || level > kMaxPowerIndex)
+                        continue;
+                    const double mw = cell(rows[r], mw_column);
+                    mv_at[level] = cell(rows[r], mv_column);
                     dbm[t][m][level] = mw > 0.0 ? 10.0 * std::log10(mw) : kNoCarrierDbm;
                 }
-                curve[t][m] = detector_curve(kBandTags[t], listed[m]);
+                for (int level = 1; level <= kMaxPowerIndex; ++level) {
+                    if (mv_at[level] > 0.0 && dbm[t][m][level] > kNoCarrierDbm)
+                        curve[t][m].push_back({mv_at[level], dbm[t][m][level]});
+                }
+                std::stable_sort(
+                    curve[t][m].begin(), curve[t][m].end(),
+                    [](const CurvePoint& a, const CurvePoint& b) { return a.mv < b.mv; });
             }
         }
+    }
+
+    static std::vector<std::vector<std::string>> split_table(const std::string& tag) {
+        std::vector<std::vector<std::string>> rows;
+        const std::string text(default_table(tag));
+        size_t start = 0;
+        while (start < text.size()) {
+            size_t end = text.find('\n', start);
+            if (end == std::string::npos)
+                end = text.size();
+            std::vector<std::string> fields;
+            for (size_t field = start; field <= end;) {
+                size_t comma = text.find(',', field);
+                if (comma == std::string::npos || comma > end)
+                    comma = end;
+                fields.push_back(text.substr(field, comma - field));
+                field = comma + 1;
+            }
+            rows.push_back(fields);
+            start = end + 1;
+        }
+        return rows;
+    }
+
+    static int column_of(const std::vector<std::vector<std::string>>& rows,
+                         const std::string& name) {
+        if (rows.empty())
+            return -1;
+        for (size_t i = 0; i < rows[0].size(); ++i)
+            if (rows[0][i] == name)
+                return static_cast<int>(i);
+        return -1;
+    }
+
+    static double cell(const std::vector<std::string>& row, int column) {
+        return column >= 0 && static_cast<size_t>(column) < row.size()
+                   ? std::atof(row[static_cast<size_t>(column)].c_str())
+                   : -1.0;
     }
 };
 
