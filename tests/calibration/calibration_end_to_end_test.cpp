@@ -401,7 +401,7 @@ TEST_F(CalibrationEndToEnd, RealBoardsShapeTheFastCalibration) {
         // 35 reads far below the settled board, the small steps at the top catch up.
         {{"--board", "typical", "--set", "settle_ms=3000"},
          [&](const BoardRun& run, const std::map<int, double>&) {
-             EXPECT_LT(mv_cell(run, "5_8", 35), mv_cell(typical, "5_8", 35) - 100.0);
+             EXPECT_LT(mv_cell(run, "5_8", 35), mv_cell(typical, "5_8", 35) - 60.0);
              EXPECT_NEAR(mv_cell(run, "5_8", 60), mv_cell(typical, "5_8", 60), 60.0);
          }},
     };
