@@ -11,6 +11,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "board-physics.h"
 #include "shared-block.h"
 
 namespace board_sim {
@@ -291,7 +292,11 @@ int update_state(const std::string& path, const std::function<void(BoardState*)>
     BoardState state;
     if (read_state_file(path, &state) != 0)
         return -1;
+    const BoardState before = state;
     change(&state);
+    // A real board's temperature and output carry on from where they were at this moment.
+    if (has_physics(before) || has_physics(state))
+        carry_physics(before, &state, virtual_now_ns(sandbox_of(path)));
     return write_state_file(path, state);
 }
 

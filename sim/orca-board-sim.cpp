@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "board-physics.h"
 #include "board-state.h"
 #include "fault.h"
 #include "sandbox.h"
@@ -30,10 +31,13 @@ void usage(FILE* out) {
     std::fprintf(out,
                  "Usage: orca-board-sim [options] -- COMMAND [ARGS...]\n"
                  "  --set KEY=VALUE   board state, e.g. --set adc_bus=3 --set buses=0,1,2,3\n"
+                 "  --board NAME      a real board: ideal (default), typical, saturating,\n"
+                 "                    stuck-index, dead-pa, hot, noisy-detector, swapped-card\n"
+                 "  --board-seed N    draw the board's unit spreads from the population (seed N)\n"
                  "  --fault SPEC      a bus fault, op:address[:reg=R]:nth[:count[:short]]\n"
                  "  --time-scale X    sleeps wait X times their length in real time (0: instant)\n"
                  "  --root DIR        use DIR as the sandbox and keep it afterwards\n"
-                 "  --report FILE     write virtual time and unexpected frames to FILE at the end\n"
+                 "  --report FILE     write virtual time, unexpected frames and the truth to FILE\n"
                  "  --no-publisher    run without the vtx_latency publisher (service not running)\n"
                  "  --help            show this text\n");
 }
@@ -117,7 +121,18 @@ int wait_status(pid_t pid) {
     return 128 + WTERMSIG(status);
 }
 
-int write_report(const std::string& path, const board_sim::SharedBlock* block) {
+int write_report(const std::string& path, const std::string& root,
+                 const board_sim::SharedBlock* block) {
+    // The truth at the end of the run: what reaches the antenna and how warm the board is.
+    board_sim::BoardState state;
+    board_sim::BoardPhysics physics;
+    std::string error;
+    if (board_sim::load_state(board_sim::state_file_path(root), &state) != 0 ||
+        board_sim::read_physics(state, &physics, &error) != 0) {
+        std::fprintf(stderr, "orca-board-sim: cannot read the board state for the report\n");
+        return -1;
+    }
+    const uint64_t now = board_sim::virtual_now_ns(root);
     FILE* file = std::fopen(path.c_str(), "w");
     if (block == nullptr || file == nullptr) {
         std::fprintf(stderr, "orca-board-sim: cannot write the report %s: %s\n", path.c_str(),
@@ -130,6 +145,10 @@ int write_report(const std::string& path, const board_sim::SharedBlock* block) {
                  static_cast<unsigned long long>(block->wait_ns.load()),
                  static_cast<unsigned long long>(block->bus_ns.load()),
                  static_cast<unsigned long long>(block->unexpected_frames.load()));
+    std::fprintf(file, "true_output_dbm=%.3f\ntemperature_c=%.3f\nboard=%s\nseed=%u\n",
+                 board_sim::true_output_dbm(state, physics, now),
+                 board_sim::board_temperature_c(state, physics, now), physics.board.c_str(),
+                 state.seed);
     return std::fclose(file) == 0 ? 0 : -1;
 }
 
@@ -152,6 +171,10 @@ int main(int argc, char* argv[]) {
     std::string report;
     std::string time_scale = "0";
     std::vector<std::string> faults;
+    std::vector<std::string> settings;
+    std::string board = "ideal";
+    long board_seed = -1;
+    bool board_given = false;
     bool with_publisher = true;
     int first_command = -1;
     for (int i = 1; i < argc; ++i) {
@@ -171,7 +194,8 @@ int main(int argc, char* argv[]) {
         }
         if (value == nullptr ||
             (option != "--set" && option != "--fault" && option != "--time-scale" &&
-             option != "--root" && option != "--report")) {
+             option != "--root" && option != "--report" && option != "--board" &&
+             option != "--board-seed")) {
             std::fprintf(stderr, "orca-board-sim: unknown option or missing value: %s\n",
                          option.c_str());
             usage(stderr);
@@ -179,9 +203,21 @@ int main(int argc, char* argv[]) {
         }
         ++i;
         std::string error;
-        if (option == "--set" && board_sim::apply_state_line(&state, value, &error) != 0) {
-            std::fprintf(stderr, "orca-board-sim: --set %s: %s\n", value, error.c_str());
-            return 2;
+        if (option == "--set")
+            settings.push_back(value);
+        if (option == "--board") {
+            board = value;
+            board_given = true;
+        }
+        if (option == "--board-seed") {
+            char* end = nullptr;
+            errno = 0;
+            board_seed = std::strtol(value, &end, 10);
+            if (errno != 0 || *end != '\0' || *value == '\0' || board_seed < 0 ||
+                board_seed > 2147483647L) {
+                std::fprintf(stderr, "orca-board-sim: bad board seed %s\n", value);
+                return 2;
+            }
         }
         if (option == "--fault") {
             std::vector<board_sim::Fault> parsed;
@@ -207,6 +243,25 @@ int main(int argc, char* argv[]) {
     }
     if (first_command < 0 || first_command >= argc) {
         usage(stderr);
+        return 2;
+    }
+    // The profile first, so that --set can change any of its values.
+    std::string error;
+    if (board_seed >= 0 && board == "ideal" && !board_given)
+        board = "typical";
+    if (board_sim::apply_board_profile(board, board_seed, &state, &error) != 0) {
+        std::fprintf(stderr, "orca-board-sim: --board: %s\n", error.c_str());
+        return 2;
+    }
+    for (const std::string& setting : settings) {
+        if (board_sim::apply_state_line(&state, setting, &error) != 0) {
+            std::fprintf(stderr, "orca-board-sim: --set %s: %s\n", setting.c_str(), error.c_str());
+            return 2;
+        }
+    }
+    board_sim::BoardPhysics physics;
+    if (board_sim::read_physics(state, &physics, &error) != 0) {
+        std::fprintf(stderr, "orca-board-sim: %s\n", error.c_str());
         return 2;
     }
     for (const std::string& fault : faults)
@@ -275,7 +330,7 @@ int main(int argc, char* argv[]) {
     }
     const board_sim::SharedBlock* block = board_sim::map_shared_block(root, false);
     warn_unexpected_frames(block);
-    if (!report.empty() && write_report(report, block) != 0 && status == 0)
+    if (!report.empty() && write_report(report, root, block) != 0 && status == 0)
         return 2;
     if (!keep_sandbox)
         board_sim::remove_tree(root);

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "board-physics.h"
 #include "default_power_calibration.h"
 
 namespace board_sim {
@@ -165,7 +166,142 @@ double curve_dbm(const std::vector<CurvePoint>& curve, double mv) {
     return curve.back().dbm;
 }
 
+int tag_number(const char* tag) {
+    for (int i = 0; i < 3; ++i)
+        if (std::strcmp(tag, kBandTags[i]) == 0)
+            return i;
+    return 2;
+}
+
+int listed_number(int mcs) {
+    const int listed = listed_mcs(mcs);
+    return listed == 3 ? 2 : listed;
+}
+
+// The default tables parsed once: output dBm per power level and the detector curve, per
+// band and listed MCS.
+struct NominalTables {
+    double dbm[3][3][kMaxPowerIndex + 1];
+    std::vector<CurvePoint> curve[3][3];
+    NominalTables() {
+        const int listed[3] = {0, 1, 3};
+        for (int t = 0; t < 3; ++t) {
+            // Each table is read once here: every process that changes a real board's
+            // state needs these, and the simulated service runs once per power change.
+            const std::vector<std::vector<std::string>> rows = split_table(kBandTags[t]);
+            for (int m = 0; m < 3; ++m) {
+                const std::string mcs = "MCS" + std::to_string(listed[m]);
+                const int mv_column = column_of(rows, mcs + "_mV");
+                const int mw_column = column_of(rows, mcs + "_mW");
+                double mv_at[kMaxPowerIndex + 1] = {};
+                for (int level = 0; level <= kMaxPowerIndex; ++level)
+                    dbm[t][m][level] = kNoCarrierDbm;
+                for (size_t r = 1; r < rows.size(); ++r) {
+                    const int level = std::atoi(rows[r][0].c_str());
+                    if (level < 1 || level > kMaxPowerIndex)
+                        continue;
+                    const double mw = cell(rows[r], mw_column);
+                    mv_at[level] = cell(rows[r], mv_column);
+                    dbm[t][m][level] = mw > 0.0 ? 10.0 * std::log10(mw) : kNoCarrierDbm;
+                }
+                for (int level = 1; level <= kMaxPowerIndex; ++level) {
+                    if (mv_at[level] > 0.0 && dbm[t][m][level] > kNoCarrierDbm)
+                        curve[t][m].push_back({mv_at[level], dbm[t][m][level]});
+                }
+                std::stable_sort(
+                    curve[t][m].begin(), curve[t][m].end(),
+                    [](const CurvePoint& a, const CurvePoint& b) { return a.mv < b.mv; });
+            }
+        }
+    }
+
+    static std::vector<std::vector<std::string>> split_table(const std::string& tag) {
+        std::vector<std::vector<std::string>> rows;
+        const std::string text(default_table(tag));
+        size_t start = 0;
+        while (start < text.size()) {
+            size_t end = text.find('\n', start);
+            if (end == std::string::npos)
+                end = text.size();
+            std::vector<std::string> fields;
+            for (size_t field = start; field <= end;) {
+                size_t comma = text.find(',', field);
+                if (comma == std::string::npos || comma > end)
+                    comma = end;
+                fields.push_back(text.substr(field, comma - field));
+                field = comma + 1;
+            }
+            rows.push_back(fields);
+            start = end + 1;
+        }
+        return rows;
+    }
+
+    static int column_of(const std::vector<std::vector<std::string>>& rows,
+                         const std::string& name) {
+        if (rows.empty())
+            return -1;
+        for (size_t i = 0; i < rows[0].size(); ++i)
+            if (rows[0][i] == name)
+                return static_cast<int>(i);
+        return -1;
+    }
+
+    static double cell(const std::vector<std::string>& row, int column) {
+        return column >= 0 && static_cast<size_t>(column) < row.size()
+                   ? std::atof(row[static_cast<size_t>(column)].c_str())
+                   : -1.0;
+    }
+};
+
+const NominalTables& nominal_tables() {
+    static const NominalTables tables;
+    return tables;
+}
+
 }  // namespace
+
+double nominal_output_dbm(const char* tag, int mcs, int power_index) {
+    return nominal_tables().dbm[tag_number(tag)][listed_number(mcs)][clamp_power(power_index)];
+}
+
+double nominal_top_dbm(const char* tag, int mcs) {
+    double top = kNoCarrierDbm;
+    for (int level = 1; level <= kMaxPowerIndex; ++level)
+        top = std::max(top, nominal_output_dbm(tag, mcs, level));
+    return top;
+}
+
+double nominal_detector_mv(const char* tag, int mcs, double dbm) {
+    const std::vector<CurvePoint>& curve =
+        nominal_tables().curve[tag_number(tag)][listed_number(mcs)];
+    if (curve.empty())
+        return kIdleDetectorMv;
+    const CurvePoint& first = curve.front();
+    if (dbm <= first.dbm) {
+        // Below the table the diode works in its square-law region: the swing above the idle
+        // voltage is proportional to the power.
+        return kIdleDetectorMv +
+               (first.mv - kIdleDetectorMv) * std::pow(10.0, (dbm - first.dbm) / 10.0);
+    }
+    // The first voltage at which the table's curve reaches the output (the measured curve
+    // is not everywhere monotonic).
+    for (size_t i = 1; i < curve.size(); ++i) {
+        const CurvePoint& a = curve[i - 1];
+        const CurvePoint& b = curve[i];
+        if (b.dbm >= dbm && a.dbm < dbm)
+            return a.mv + (b.mv - a.mv) * (dbm - a.dbm) / (b.dbm - a.dbm);
+    }
+    // Above the table: on with the slope of its top tenth, in mV per dB.
+    const CurvePoint& last = curve.back();
+    const CurvePoint& lower = curve[curve.size() - 1 - std::min<size_t>(curve.size() - 1, 6)];
+    double top_dbm = last.dbm;
+    for (const CurvePoint& point : curve)
+        top_dbm = std::max(top_dbm, point.dbm);
+    const double rise = top_dbm - lower.dbm;
+    const double mv_per_db = rise > 0.1 ? (last.mv - lower.mv) / rise : 20.0;
+    return last.mv + mv_per_db * (dbm - top_dbm);
+}
 
 const char* band_tag_for_frequency(int frequency_mhz) {
     const int hundreds = frequency_mhz / 100;
@@ -192,6 +328,12 @@ double detector_mv(const BoardState& state, int channel) {
 }
 
 double output_dbm(const BoardState& state) {
+    if (has_physics(state)) {
+        BoardPhysics physics;
+        std::string error;
+        if (read_physics(state, &physics, &error) == 0)
+            return settled_output_dbm(state, physics, state.temperature_c);
+    }
     const char* tag = band_tag_for_frequency(state.frequency_mhz);
     if (!state.tx_on || tag == nullptr)
         return kNoCarrierDbm;

@@ -20,8 +20,17 @@ const char* band_tag_for_frequency(int frequency_mhz);
 // not list uses the nearest listed one below it.
 double detector_mv(const BoardState& state, int channel);
 
-// Output power of the radio in dBm, or -99.0 when it does not transmit.
+// Output power of the radio in dBm, or -99.0 when it does not transmit. A real board's
+// (board-physics.h) is what it settles to at the state's temperature.
 double output_dbm(const BoardState& state);
+
+// The default tables' output of a power level (clamped to 1..60) in dBm, -99 where the
+// table has none; and the highest output of a band and MCS.
+double nominal_output_dbm(const char* tag, int mcs, int power_index);
+double nominal_top_dbm(const char* tag, int mcs);
+// The typical detector's voltage for an output in dBm: the inverse of the conversion
+// tables, continued below them by the diode's square law and above them by their top slope.
+double nominal_detector_mv(const char* tag, int mcs, double dbm);
 
 // Writes <dir>/<tag>_mv_to_dbm.csv for the three bands. Returns 0 or -1 after a message.
 int write_conversion_tables(const std::string& dir);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "board-physics.h"
 #include "rf-model.h"
 #include "shared-block.h"
 
@@ -49,6 +50,8 @@ int prepare_sandbox(const std::string& root, const BoardState& state) {
         return -1;
     BoardState initial = state;
     initial.output_dbm = output_dbm(state);
+    if (has_physics(initial))
+        anchor_physics(&initial, virtual_now_ns(root));
     if (save_state(state_file_path(root), initial) != 0)
         return -1;
     return write_conversion_tables(root + "/data/quillon/vtx", initial);

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "preload-trace.h"
 #include "rf-model.h"
@@ -183,11 +184,15 @@ void Simulation::refresh_state() {
         return;  // keep the last good state; the reader has said what is wrong
     state_ = loaded;
     state_generation_ = generation;
+    std::string error;
+    if (read_physics(state_, &physics_, &error) != 0) {
+        std::fprintf(stderr, "board-sim: %s\n", error.c_str());
+        physics_ = BoardPhysics{};
+    }
     wire_targets();
     if (state_.faults != state_faults_text_) {
         state_faults_text_ = state_.faults;
         std::vector<Fault> faults;
-        std::string error;
         if (parse_faults(state_.faults, &faults, &error) != 0)
             std::fprintf(stderr, "board-sim: %s\n", error.c_str());
         state_faults_.clear();
@@ -322,8 +327,27 @@ void Simulation::record(int bus, int address, TransferKind kind, const uint8_t* 
         traffic_.push_back(std::move(transfer));
 }
 
+uint64_t Simulation::now_ns() const {
+    timespec now{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec) +
+           shared_->clock_offset_ns.load();
+}
+
 double Simulation::sample_mv(int channel) {
-    double mv = detector_mv(state_, channel);
+    double mv = 0.0;
+    if (physics_.enabled) {
+        if (adc_.sequences() != physics_sequence_ || state_generation_ != physics_generation_) {
+            const uint64_t now = now_ns();
+            for (int c = 0; c < 2; ++c)
+                physics_mv_[c] = physics_detector_mv(state_, physics_, c, now);
+            physics_sequence_ = adc_.sequences();
+            physics_generation_ = state_generation_;
+        }
+        mv = physics_mv_[channel == 0 ? 0 : 1];
+    } else {
+        mv = detector_mv(state_, channel);
+    }
     if (state_.noise_mv > 0.0)
         mv += std::uniform_real_distribution<double>(-state_.noise_mv, state_.noise_mv)(noise_);
     return mv;
@@ -332,6 +356,8 @@ double Simulation::sample_mv(int channel) {
 uint16_t Simulation::temperature_word() {
     if (temperature_override_ >= 0)
         return static_cast<uint16_t>(temperature_override_);
+    if (physics_.enabled)
+        return SimTempSensor::word_for_celsius(board_temperature_c(state_, physics_, now_ns()));
     return SimTempSensor::word_for_celsius(state_.temperature_c);
 }
 
@@ -549,6 +575,7 @@ void Simulation::reset_board() {
     adc_ = SimAds7142([this](int channel) { return sample_mv(channel); });
     temperature_sensor_ = SimTempSensor([this] { return temperature_word(); });
     temperature_override_ = -1;
+    physics_sequence_ = -1;
 }
 
 }  // namespace board_sim

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "board-physics.h"
 #include "board-sim.h"
 #include "board-state.h"
 #include "fault.h"
@@ -100,6 +101,7 @@ class Simulation {
     void record(int bus, int address, TransferKind kind, const uint8_t* bytes, size_t length,
                 bool ok, bool unexpected = false);
     double sample_mv(int channel);
+    uint64_t now_ns() const;  // the virtual clock
     uint16_t temperature_word();
     int smbus(int fd, void* argument);
 
@@ -115,6 +117,12 @@ class Simulation {
 
     std::mutex mutex_;
     BoardState state_;
+    BoardPhysics physics_;  // of state_
+    // A real board's detector voltages, worked out once per converter sequence: the 16
+    // conversions of one sequence take microseconds.
+    int physics_sequence_ = -1;
+    uint64_t physics_generation_ = 0;
+    double physics_mv_[2] = {0.0, 0.0};
     uint64_t state_generation_ = ~uint64_t{0};
     std::string state_faults_text_;
     std::vector<ArmedFault> state_faults_;

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
@@ -23,6 +24,7 @@
 namespace {
 
 using Rows = std::vector<std::string>;
+using orca_test::BoardRun;
 
 Rows split(const std::string& text, char separator = '\n') {
     Rows parts;
@@ -290,6 +292,147 @@ TEST_F(CalibrationEndToEnd, FailedCombinationsLeaveTheirFilesAndTheRunGoesOn) {
     commands.insert(commands.end(), {"orca-configure-vtx -F 3000", "orca-configure-vtx -m 0",
                                      "orca-configure-vtx -F 3000", kStopTest});
     EXPECT_EQ(run.lines("commands.log"), commands);
+}
+
+// dBm of every level the tool reported as measured.
+std::map<int, double> reported_dbm(const std::string& out) {
+    std::map<int, double> dbm;
+    for (const std::string& line : split(out)) {
+        int level = 0;
+        double value = 0.0;
+        if (std::sscanf(line.c_str(), "Power 1 level %d: Average mV = %*[^,], dBm = %lf", &level,
+                        &value) == 2)
+            dbm[level] = value;
+    }
+    return dbm;
+}
+
+double mv_cell(const BoardRun& run, const std::string& tag, int level) {
+    return std::stod(split(split(run.file(calibration_path(tag)))[level], ',')[1]);
+}
+
+TEST_F(CalibrationEndToEnd, RealBoardsShapeTheFullCalibration) {
+    const std::vector<std::string> run_5805 = {"-calibrate", "-f", "5805", "-m", "0"};
+    // The rise over the top 15 levels: about 3 dB on the ideal board, next to nothing where
+    // the amplifier saturates; a stuck index measures the same output at every level.
+    const struct {
+        const char* board;
+        double rise_low, rise_high, span_below;
+    } cases[] = {
+        {"ideal", 2.5, 3.5, 99.0},
+        {"saturating", -0.5, 0.5, 99.0},
+        {"stuck-index", -1.0, 1.0, 1.0},
+    };
+    for (const auto& c : cases) {
+        const BoardRun run = calibrate({"--board", c.board}, run_5805);
+        ASSERT_EQ(run.result.exit_status, 0) << c.board << run.result.err;
+        const auto dbm = reported_dbm(run.result.out);
+        ASSERT_EQ(dbm.size(), 60u) << c.board;
+        const double rise = dbm.at(60) - dbm.at(45);
+        EXPECT_GT(rise, c.rise_low) << c.board;
+        EXPECT_LT(rise, c.rise_high) << c.board;
+        double lowest = 99.0, highest = -99.0;
+        for (const auto& [level, value] : dbm) {
+            lowest = std::min(lowest, value);
+            highest = std::max(highest, value);
+        }
+        EXPECT_LT(highest - lowest, c.span_below) << c.board;
+    }
+}
+
+TEST_F(CalibrationEndToEnd, HotBoardTripsTheTemperatureStopNearTheTop) {
+    // Without airflow the board crosses 75 °C late in a full run: -temp_test stops it there
+    // and leaves its mark in the file.
+    const BoardRun run =
+        calibrate({"--board", "hot"}, {"-calibrate", "-f", "5805", "-m", "0", "-temp_test"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_TRUE(contains(run.result.out, "Stopping calibration for safety reasons\n"));
+    const Rows rows = split(run.file(calibration_path("5_8")));
+    ASSERT_EQ(rows.size(), 64u);
+    int stop = 0;
+    for (int level = 1; level <= 60; ++level)
+        if (contains(rows[level], ",TEMP_ERROR_"))
+            stop = level;
+    EXPECT_GE(stop, 40) << run.result.out;
+    for (int level = stop + 1; level <= 60; ++level)
+        EXPECT_EQ(rows[level], std::to_string(level) + ",-1,-1");
+}
+
+TEST_F(CalibrationEndToEnd, RealBoardsShapeTheFastCalibration) {
+    const std::vector<std::string> fast_5805 = {"-fast-calibrate", "-f", "5805", "-m", "0"};
+    const BoardRun typical = calibrate({"--board", "typical"}, fast_5805);
+    ASSERT_EQ(typical.result.exit_status, 0) << typical.result.err;
+    const auto nominal = reported_dbm(typical.result.out);
+    ASSERT_EQ(nominal.size(), 6u);
+    // Each check compares an anchor's cell (mV) or reported dBm with the typical board's.
+    using Check = std::function<void(const BoardRun&, const std::map<int, double>&)>;
+    const struct {
+        std::vector<std::string> board;
+        Check check;
+    } cases[] = {
+        // A dead amplifier leaves the detector at the bottom of its table everywhere.
+        {{"--board", "dead-pa"},
+         [&](const BoardRun&, const std::map<int, double>& dbm) {
+             for (const auto& [level, value] : dbm)
+                 EXPECT_LT(value, nominal.at(10) - 1.0) << "dead-pa level " << level;
+         }},
+        // The read cycle keeps the peak: a noisy detector reads high by about its noise.
+        {{"--board", "noisy-detector"},
+         [&](const BoardRun& run, const std::map<int, double>&) {
+             for (int anchor : kAnchors)
+                 EXPECT_NEAR(mv_cell(run, "5_8", anchor) - mv_cell(typical, "5_8", anchor), 24.0,
+                             6.0)
+                     << "noisy-detector anchor " << anchor;
+         }},
+        // Another card behind these tables: 5 dB less at the bottom of the range.
+        {{"--board", "swapped-card"},
+         [&](const BoardRun&, const std::map<int, double>& dbm) {
+             EXPECT_LT(dbm.at(10), nominal.at(10) - 3.0);
+         }},
+        // The tool waits 650 ms after each power change. A board whose output takes seconds
+        // to settle is read before it gets there: the anchor after the big step from 10 to
+        // 35 reads far below the settled board, the small steps at the top catch up.
+        {{"--board", "typical", "--set", "settle_ms=3000"},
+         [&](const BoardRun& run, const std::map<int, double>&) {
+             EXPECT_LT(mv_cell(run, "5_8", 35), mv_cell(typical, "5_8", 35) - 60.0);
+             EXPECT_NEAR(mv_cell(run, "5_8", 60), mv_cell(typical, "5_8", 60), 60.0);
+         }},
+    };
+    for (const auto& c : cases) {
+        const BoardRun run = calibrate(c.board, fast_5805);
+        ASSERT_EQ(run.result.exit_status, 0) << c.board[1] << run.result.err;
+        const auto dbm = reported_dbm(run.result.out);
+        ASSERT_EQ(dbm.size(), 6u) << c.board[1] << run.result.out;
+        c.check(run, dbm);
+    }
+}
+
+TEST_F(CalibrationEndToEnd, FirstReadingAfterAPowerChangeIsDiscarded) {
+    // On a board that settles in about the tool's wait, the first reading of a level still
+    // sees the rise; the level's cell is the mean of the other three.
+    const BoardRun run = calibrate({"--board", "typical", "--set", "settle_ms=400"},
+                                   {"-fast-calibrate", "-f", "5805", "-m", "0"});
+    ASSERT_EQ(run.result.exit_status, 0) << run.result.err;
+    std::map<int, std::vector<double>> readings;
+    int level = 0;
+    for (const std::string& line : split(run.result.out)) {
+        int n = 0;
+        double mv = 0.0;
+        if (std::sscanf(line.c_str(), "Calibrating power level %d", &n) == 1)
+            level = n;
+        else if (std::sscanf(line.c_str(), "Reading %d complete: %lf mV", &n, &mv) == 2)
+            readings[level].push_back(mv);
+    }
+    for (int anchor : kAnchors) {
+        const std::vector<double>& r = readings[anchor];
+        ASSERT_EQ(r.size(), 4u) << anchor;
+        const double kept = (r[1] + r[2] + r[3]) / 3.0;
+        const double all = (r[0] + r[1] + r[2] + r[3]) / 4.0;
+        EXPECT_NEAR(mv_cell(run, "5_8", anchor), kept, 0.011) << "anchor " << anchor;
+        if (anchor == 35) {
+            EXPECT_GT(kept - all, 1.0) << "the board must show its settling";
+        }
+    }
 }
 
 // What the MP script should have been sent for one combination.

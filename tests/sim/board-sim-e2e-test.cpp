@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -145,6 +147,71 @@ TEST(BoardSimEndToEnd, OddFramesAreReportedAndTheTraceShowsThem) {
             EXPECT_EQ(run.result.err.find(line), std::string::npos) << line << "\n"
                                                                     << run.result.err;
     }
+}
+
+// A value of orca-board-sim's --report, or NAN.
+double reported(const std::string& report, const std::string& key) {
+    const size_t at = report.find(key + "=");
+    return at == std::string::npos ? NAN : std::atof(report.c_str() + at + key.size() + 1);
+}
+
+TEST(BoardSimEndToEnd, BoardProfilesAndPopulationWithTheirTruthInTheReport) {
+    auto result = on_board({"--board", "golden"}, {"true"});
+    EXPECT_EQ(result.exit_status, 2);
+    EXPECT_NE(result.err.find("unknown board \"golden\""), std::string::npos) << result.err;
+    for (const char* bad : {"settle_ms=-1", "pa0_gain_db=x", "stuck_index=2.5"}) {
+        result = on_board({"--board", "typical", "--set", bad}, {"true"});
+        EXPECT_EQ(result.exit_status, 2) << bad;
+    }
+    result = on_board({"--board-seed", "x"}, {"true"});
+    EXPECT_EQ(result.exit_status, 2);
+
+    orca_test::TempDir dir;
+    // The truth after a power change: settled (50 ms) long before the second is over, and
+    // the same figure that the board state holds.
+    auto truth = [&](const std::vector<std::string>& board, std::string* state = nullptr) {
+        std::vector<std::string> options{"--no-publisher", "--set", "frequency_mhz=5805"};
+        options.insert(options.end(), board.begin(), board.end());
+        const auto run = orca_test::run_on_board(
+            options, {"sh", "-c", "orca-configure-vtx -p 40 && sleep 1"}, dir.path() + "/board");
+        EXPECT_EQ(run.result.exit_status, 0) << run.result.err;
+        if (state != nullptr)
+            *state = run.file("board-state");
+        return run.report_text;
+    };
+    std::string state;
+    const std::string ideal = truth({}, &state);
+    EXPECT_NE(ideal.find("temperature_c=25.000\nboard=ideal\nseed=1\n"), std::string::npos)
+        << ideal;
+    EXPECT_NEAR(reported(ideal, "true_output_dbm"), reported(state, "output_dbm"), 0.001);
+
+    const std::string typical = truth({"--board", "typical"}, &state);
+    EXPECT_NE(typical.find("board=typical\nseed=1\n"), std::string::npos) << typical;
+    EXPECT_NEAR(reported(typical, "true_output_dbm"), reported(state, "output_dbm"), 0.01);
+    EXPECT_GT(reported(typical, "temperature_c"), 25.0) << "a transmitting board warms up";
+    // The nominal unit compresses a little at index 40, below the ideal board's output.
+    const double nominal = reported(typical, "true_output_dbm");
+    EXPECT_LT(nominal, reported(ideal, "true_output_dbm"));
+    EXPECT_GT(nominal, reported(ideal, "true_output_dbm") - 1.0);
+
+    // Units of the population: the same seed is the same board; seeds spread within the
+    // output tolerance (2 dB of gain, 6 % of slope, the saturation's spread).
+    double lowest = 99.0, highest = -99.0;
+    for (int seed = 1; seed <= 12; ++seed) {
+        const std::string unit = truth({"--board-seed", std::to_string(seed)});
+        EXPECT_NE(unit.find("board=typical\nseed=" + std::to_string(seed) + "\n"),
+                  std::string::npos)
+            << unit;
+        const double output = reported(unit, "true_output_dbm");
+        lowest = std::min(lowest, output);
+        highest = std::max(highest, output);
+        if (seed == 3) {
+            EXPECT_NEAR(reported(truth({"--board-seed", "3"}), "true_output_dbm"), output, 0.005);
+        }
+    }
+    EXPECT_GT(highest - lowest, 0.5);
+    EXPECT_GT(lowest, nominal - 3.5);
+    EXPECT_LT(highest, nominal + 3.5);
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <vector>
@@ -184,6 +186,44 @@ TEST(PreloadLookup, AMissingLibcFunctionEndsTheProcessNamingIt) {
     EXPECT_DEATH(board_sim::next_definition_or_abort("orca_no_such_function"),
                  "board-sim: cannot find the libc function orca_no_such_function after the "
                  "preload");
+}
+
+// The board temperature as its sensor at 0x48 reports it.
+double sensor_celsius(int fd) {
+    uint8_t pointer = 0x00, word[2] = {};
+    if (ioctl(fd, I2C_SLAVE, 0x48) != 0 || write(fd, &pointer, 1) != 1 || read(fd, word, 2) != 2)
+        return -999.0;
+    return static_cast<int16_t>(word[0] << 8 | word[1]) / 16 / 16.0;
+}
+
+TEST_F(BoardSimTest, RealBoardHeatsOnTheVirtualClock) {
+    ASSERT_EQ(board_sim::update_board_state([](board_sim::BoardState* s) {
+                  s->frequency_mhz = 5805;
+                  s->power_index = 60;
+                  s->extra = {{"board", "typical"},      {"ambient_c", "25"},
+                              {"thermal_c_per_w", "10"}, {"thermal_tau_s", "100"},
+                              {"pa_efficiency", "0.25"}, {"quiescent_w", "1"}};
+              }),
+              0);
+    const board_sim::BoardState state = board_sim::board_state();
+    EXPECT_NEAR(sensor_celsius(fd_), 25.0, 0.07);
+    // Towards 25 + 10 °C/W x (1 W + 3 x the output in W), 1 - 1/e of the way after one
+    // time constant.
+    const double steady =
+        25.0 + 10.0 * (1.0 + 3.0 * std::pow(10.0, state.output_dbm / 10.0) / 1000.0);
+    sleep(100);
+    EXPECT_NEAR(sensor_celsius(fd_), 25.0 + (steady - 25.0) * (1.0 - std::exp(-1.0)), 0.1);
+    sleep(1000);
+    EXPECT_NEAR(sensor_celsius(fd_), steady, 0.1);
+
+    // Off the air it cools towards the quiescent 35 °C; a temperature set on purpose holds
+    // as the new starting point.
+    ASSERT_EQ(board_sim::update_board_state([](board_sim::BoardState* s) { s->tx_on = false; }), 0);
+    sleep(1000);
+    EXPECT_NEAR(sensor_celsius(fd_), 35.0, 0.1);
+    ASSERT_EQ(
+        board_sim::update_board_state([](board_sim::BoardState* s) { s->temperature_c = 60; }), 0);
+    EXPECT_NEAR(sensor_celsius(fd_), 60.0, 0.07);
 }
 
 }  // namespace

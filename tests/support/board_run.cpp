@@ -38,7 +38,8 @@ BoardRun run_on_board(const std::vector<std::string>& board,
     argv.insert(argv.end(), command.begin(), command.end());
     run.result = run_process(argv, options);
 
-    for (const std::string& line : lines_of(read_file(report_path))) {
+    run.report_text = read_file(report_path);
+    for (const std::string& line : lines_of(run.report_text)) {
         const size_t equals = line.find('=');
         if (equals != std::string::npos)
             run.report[line.substr(0, equals)] = line.substr(equals + 1);

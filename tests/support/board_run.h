@@ -20,6 +20,7 @@ struct BoardRun {
     // The report's key=value lines (wait_ns, bus_ns, unexpected_frames, ...); empty when
     // orca-board-sim refused its options (exit status 2) before running anything.
     std::map<std::string, std::string> report;
+    std::string report_text;  // the report as orca-board-sim wrote it
 
     double report_number(const std::string& key) const;  // 0 when the key is missing
     // A file of the kept sandbox by its name there ("commands.log") or its fixed path on the
