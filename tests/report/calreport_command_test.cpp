@@ -3,7 +3,10 @@
 // on the simulated board.
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -40,6 +43,35 @@ std::string band_file(orca_verdict::Band band, int mcs, double db = 0.0, int mis
         text += row;
     }
     return text;
+}
+
+// What the command shows on a terminal, as on an operator's console.
+std::string run_on_terminal(const std::vector<std::string>& args, bool no_color) {
+    int terminal = -1;
+    const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid < 0)
+        return "forkpty failed";
+    if (pid == 0) {
+        if (no_color)
+            setenv("NO_COLOR", "", 1);  // set, even empty
+        else
+            unsetenv("NO_COLOR");
+        std::vector<char*> argv;
+        for (const std::string& arg : args)
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    std::string out;
+    char buffer[4096];
+    ssize_t got = 0;
+    while ((got = read(terminal, buffer, sizeof buffer)) > 0)  // EIO once the child is gone
+        out.append(buffer, static_cast<size_t>(got));
+    close(terminal);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return out;
 }
 
 class CalreportCommand : public testing::Test {
@@ -106,6 +138,18 @@ TEST_F(CalreportCommand, ExitStatusSaysPassWarnFailOrUnusable) {
         // Not a terminal: no colour codes whatever the verdict.
         EXPECT_FALSE(contains(result.out, "\033[")) << result.out;
     }
+}
+
+TEST_F(CalreportCommand, VerdictsAreColouredOnATerminalUnlessNoColorIsSet) {
+    write("cal/calibrated_2_4.csv", band_file(orca_verdict::Band::b2_4, 0));
+    write("cal/calibrated_5_1.csv", band_file(orca_verdict::Band::b5_1, 0, 0.0, 3));
+    const std::vector<std::string> args{ORCA_CALREPORT_BINARY, "--dir", dir("cal")};
+    const std::string coloured = run_on_terminal(args, false);
+    EXPECT_TRUE(contains(coloured, "2.4 GHz MCS 0: \033[1;32mpass\033[0m")) << coloured;
+    EXPECT_TRUE(contains(coloured, "Overall: \033[1;31mfail\033[0m")) << coloured;
+    const std::string plain = run_on_terminal(args, true);
+    EXPECT_TRUE(contains(plain, "Overall: fail (2 columns")) << plain;
+    EXPECT_FALSE(contains(plain, "\033[")) << plain;
 }
 
 TEST_F(CalreportCommand, JsonCarriesEveryColumnWithItsLevelsAndFindings) {
