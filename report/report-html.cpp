@@ -18,6 +18,7 @@ constexpr int kLeft = 56;
 constexpr int kRight = 150;  // room for the legend
 constexpr int kTop = 16;
 constexpr int kBottom = 44;
+// Red (#d62728) is the limit's alone; no curve takes it.
 constexpr const char* kPalette[] = {"#1f77b4", "#ff7f0e", "#2ca02c", "#9467bd", "#8c564b",
                                     "#e377c2", "#17becf", "#bcbd22", "#7f7f7f", "#393b79"};
 constexpr size_t kPaletteSize = sizeof kPalette / sizeof kPalette[0];
