@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -56,8 +57,16 @@ std::string run_on_terminal(const std::vector<std::string>& args, bool no_color)
             setenv("NO_COLOR", "", 1);  // set, even empty
         else
             unsetenv("NO_COLOR");
+        std::vector<std::string> command;
+#ifdef ORCA_TEST_EMULATOR
+        // A cross build's program runs under its emulator.
+        std::istringstream words(ORCA_TEST_EMULATOR);
+        for (std::string word; std::getline(words, word, '|');)
+            command.push_back(word);
+#endif
+        command.insert(command.end(), args.begin(), args.end());
         std::vector<char*> argv;
-        for (const std::string& arg : args)
+        for (const std::string& arg : command)
             argv.push_back(const_cast<char*>(arg.c_str()));
         argv.push_back(nullptr);
         execv(argv[0], argv.data());
