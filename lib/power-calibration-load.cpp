@@ -12,33 +12,14 @@
 
 #include <fmt/core.h>
 
+#include "calibration-csv.h"
 #include "orca-vtx-helpers.h"
 
 namespace {
 
-// Cells split the way the files are written: no quoting, no trimming. A trailing comma
-// gives no empty last cell and an empty line gives no cell at all.
-std::vector<std::string> split_cells(const std::string& line) {
-    std::vector<std::string> cells;
-    std::istringstream in(line);
-    std::string cell;
-    while (std::getline(in, cell, ','))
-        cells.push_back(cell);
-    return cells;
-}
-
-// Leading blanks, an optional sign and the leading digits; fails without digits or when
-// the value does not fit in 32 bits.
-bool parse_int32(const std::string& text, int* value) {
-    const char* begin = text.c_str();
-    char* end = nullptr;
-    errno = 0;
-    long parsed = std::strtol(begin, &end, 10);
-    if (end == begin || errno == ERANGE || parsed < INT_MIN || parsed > INT_MAX)
-        return false;
-    *value = static_cast<int>(parsed);
-    return true;
-}
+using orca_calibration_csv::McsColumn;
+using orca_calibration_csv::parse_int32;
+using orca_calibration_csv::split_cells;
 
 // Unmeasured cells hold -1. The test is on the integral part only, so "-1.0" and "-1.7"
 // count as unmeasured too.
@@ -63,33 +44,6 @@ bool parse_rounded_mw(const std::string& cell, int* mw) {
     return true;
 }
 
-struct McsColumn {
-    int mcs;
-    size_t column;
-};
-
-// Columns named MCS<n>_mW, in header order; the _mV columns are not needed here.
-std::vector<McsColumn> find_mw_columns(const std::string& header) {
-    std::vector<McsColumn> columns;
-    const std::vector<std::string> names = split_cells(header);
-    for (size_t i = 0; i < names.size(); ++i) {
-        const std::string& name = names[i];
-        if (name.compare(0, 3, "MCS") != 0 || name.find("_mW") == std::string::npos ||
-            name.size() < 4)
-            continue;
-        const size_t underscore = name.find('_', 3);
-        if (underscore == std::string::npos)
-            continue;
-        int mcs = 0;
-        if (!parse_int32(name.substr(3, underscore - 3), &mcs)) {
-            fmt::print(stderr, "Error extracting MCS index from column name: {}\n", name);
-            continue;
-        }
-        columns.push_back({mcs, i});
-    }
-    return columns;
-}
-
 }  // namespace
 
 PowerCalibrationMap loadPowerCalibrationDataFromStream(std::istream& in) {
@@ -97,7 +51,8 @@ PowerCalibrationMap loadPowerCalibrationDataFromStream(std::istream& in) {
     std::string line;
     if (!std::getline(in, line))
         return map;
-    const std::vector<McsColumn> columns = find_mw_columns(line);
+    const std::vector<McsColumn> columns =
+        orca_calibration_csv::find_mcs_columns(line, "_mW", true);
 
     while (std::getline(in, line)) {
         const std::vector<std::string> cells = split_cells(line);
