@@ -18,10 +18,14 @@ set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/${ORCA_CROSS_TRIPLET}/pkgconfig:/usr/share/
 set(ENV{PKG_CONFIG_PATH} "")
 
 # Built programs run under qemu-user. Multiarch installs the arm64 loader at
-# /lib/ld-linux-aarch64.so.1, where qemu finds it without a -L sysroot.
+# /lib/ld-linux-aarch64.so.1, where qemu finds it without a -L sysroot. The static build of
+# qemu is the one to use: a dynamic one would load the simulated board's host preload itself.
+# It also tells the programs it runs (-E) which emulator starts their arm64 children, as the
+# kernel cannot without binfmt_misc.
 if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
-    find_program(ORCA_QEMU_AARCH64 qemu-aarch64)
+    find_program(ORCA_QEMU_AARCH64 qemu-aarch64-static)
     if(ORCA_QEMU_AARCH64)
-        set(CMAKE_CROSSCOMPILING_EMULATOR ${ORCA_QEMU_AARCH64})
+        set(CMAKE_CROSSCOMPILING_EMULATOR
+            ${ORCA_QEMU_AARCH64} -E ORCA_SIM_QEMU_AARCH64=${ORCA_QEMU_AARCH64})
     endif()
 endif()

@@ -19,6 +19,7 @@
 
 #include "board-physics.h"
 #include "board-state.h"
+#include "foreign-exec.h"
 #include "fault.h"
 #include "sandbox.h"
 #include "shared-block.h"
@@ -105,6 +106,16 @@ pid_t start_program(const std::vector<std::string>& argv, bool real_time) {
     for (const std::string& argument : argv)
         arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
+    // orca-board-sim itself carries no preload: a program of another machine is started
+    // through its emulator here, as the preload does for everything below.
+    char program[PATH_MAX];
+    if (board_sim::find_program(arguments[0], program, sizeof program)) {
+        if (const char* emulator = board_sim::emulator_for(program)) {
+            std::vector<char*> emulated =
+                board_sim::emulated_arguments(emulator, program, arguments.data());
+            execv(emulator, emulated.data());
+        }
+    }
     execvp(arguments[0], arguments.data());
     std::fprintf(stderr, "orca-board-sim: cannot run %s: %s\n", arguments[0], std::strerror(errno));
     _exit(127);
@@ -306,7 +317,8 @@ int main(int argc, char* argv[]) {
         is_executable(here + "/orca-sim-mp"))
         board_sim::install_mp_script(root, here + "/orca-sim-mp");
 
-    set_simulation_environment(root, here + "/libboard-sim.so", time_scale);
+    // "$LIB" is left for the dynamic linker: each program loads the preload of its own machine.
+    set_simulation_environment(root, here + "/$LIB/libboard-sim.so", time_scale);
     pid_t publisher = -1;
     const std::string publisher_path = here + "/orca-sim-vtx-publisher";
     if (with_publisher && is_executable(publisher_path)) {

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <vector>
 
+#include "foreign-exec.h"
 #include "preload-trace.h"
 #include "simulation.h"
 
@@ -605,11 +606,60 @@ EXPORT char* mkdtemp(char* name) noexcept {
     return name;
 }
 
-// ---- programs at fixed paths (the MP script) ----
+// ---- programs: at fixed paths (the MP script), and of another machine ----
+
+namespace {
+
+// Starts `program` (already mapped) through the emulator of its machine when the kernel cannot
+// start it; returns only when that is not so, or with the exec's failure.
+int exec_through_emulator(const char* program, char* const argv[], char* const envp[],
+                          bool* handled) {
+    REAL(execve);
+    const char* emulator = board_sim::emulator_for(program);
+    *handled = emulator != nullptr;
+    if (emulator == nullptr)
+        return -1;
+    trace(board_sim::kTraceExec, "%s %s through %s", board_sim::current_call(), program, emulator);
+    std::vector<char*> arguments = board_sim::emulated_arguments(emulator, program, argv);
+    return real_execve(emulator, arguments.data(), envp);
+}
+
+// The program file that `file` names for execvp and posix_spawnp, mapped into the sandbox.
+bool find_mapped_program(const char* file, char* buffer, size_t size) {
+    char found[PATH_MAX];
+    if (!board_sim::find_program(file, found, sizeof found))
+        return false;
+    MappedPath mapped(found);
+    if (std::strlen(mapped) >= size)
+        return false;
+    std::strcpy(buffer, mapped);
+    return true;
+}
+
+int spawn_through_emulator(pid_t* pid, const char* program,
+                           const posix_spawn_file_actions_t* actions,
+                           const posix_spawnattr_t* attributes, char* const argv[],
+                           char* const envp[], bool* handled) {
+    REAL(posix_spawn);
+    const char* emulator = board_sim::emulator_for(program);
+    *handled = emulator != nullptr;
+    if (emulator == nullptr)
+        return 0;
+    trace(board_sim::kTraceExec, "%s %s through %s", board_sim::current_call(), program, emulator);
+    std::vector<char*> arguments = board_sim::emulated_arguments(emulator, program, argv);
+    return real_posix_spawn(pid, emulator, actions, attributes, arguments.data(), envp);
+}
+
+}  // namespace
 
 EXPORT int execve(const char* path, char* const argv[], char* const envp[]) noexcept {
     REAL(execve);
-    return real_execve(MappedPath(path), argv, envp);
+    MappedPath program(path);
+    bool handled = false;
+    const int result = exec_through_emulator(program, argv, envp, &handled);
+    if (handled)
+        return result;
+    return real_execve(program, argv, envp);
 }
 
 EXPORT int execv(const char* path, char* const argv[]) noexcept {
@@ -617,14 +667,18 @@ EXPORT int execv(const char* path, char* const argv[]) noexcept {
 }
 
 EXPORT int execvp(const char* file, char* const argv[]) noexcept {
-    REAL(execvp);
-    if (std::strchr(file, '/') != nullptr)
-        return real_execvp(MappedPath(file), argv);
-    return real_execvp(file, argv);
+    return execvpe(file, argv, environ);
 }
 
 EXPORT int execvpe(const char* file, char* const argv[], char* const envp[]) noexcept {
     REAL(execvpe);
+    char program[PATH_MAX];
+    if (find_mapped_program(file, program, sizeof program)) {
+        bool handled = false;
+        const int result = exec_through_emulator(program, argv, envp, &handled);
+        if (handled)
+            return result;
+    }
     if (std::strchr(file, '/') != nullptr)
         return real_execvpe(MappedPath(file), argv, envp);
     return real_execvpe(file, argv, envp);
@@ -659,13 +713,27 @@ EXPORT int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_acti
                        const posix_spawnattr_t* attributes, char* const argv[],
                        char* const envp[]) {
     REAL(posix_spawn);
-    return real_posix_spawn(pid, MappedPath(path), actions, attributes, argv, envp);
+    MappedPath program(path);
+    bool handled = false;
+    const int result =
+        spawn_through_emulator(pid, program, actions, attributes, argv, envp, &handled);
+    if (handled)
+        return result;
+    return real_posix_spawn(pid, program, actions, attributes, argv, envp);
 }
 
 EXPORT int posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t* actions,
                         const posix_spawnattr_t* attributes, char* const argv[],
                         char* const envp[]) {
     REAL(posix_spawnp);
+    char program[PATH_MAX];
+    if (find_mapped_program(file, program, sizeof program)) {
+        bool handled = false;
+        const int result =
+            spawn_through_emulator(pid, program, actions, attributes, argv, envp, &handled);
+        if (handled)
+            return result;
+    }
     if (std::strchr(file, '/') != nullptr)
         return real_posix_spawnp(pid, MappedPath(file), actions, attributes, argv, envp);
     return real_posix_spawnp(pid, file, actions, attributes, argv, envp);

@@ -39,11 +39,13 @@ void configure_trace(const char* topics) {
             g_topics |= kTraceBus;
         } else if (length == 4 && std::strncmp(word, "path", 4) == 0) {
             g_topics |= kTracePath;
+        } else if (length == 4 && std::strncmp(word, "exec", 4) == 0) {
+            g_topics |= kTraceExec;
         } else if (length > 0) {
             char message[160];
             const int size = std::snprintf(
                 message, sizeof message,
-                "board-sim: ORCA_SIM_TRACE: unknown topic \"%.*s\" (known: bus, path)\n",
+                "board-sim: ORCA_SIM_TRACE: unknown topic \"%.*s\" (known: bus, path, exec)\n",
                 static_cast<int>(length < 64 ? length : 64), word);
             if (size > 0)
                 write_stderr(message, std::strlen(message));
@@ -63,7 +65,9 @@ void trace(TraceTopic topic, const char* format, ...) {
         return;
     char line[1024];
     int used = std::snprintf(line, sizeof line, "board-sim[%d] %s: ", static_cast<int>(getpid()),
-                             topic == kTraceBus ? "bus" : "path");
+                             topic == kTraceBus    ? "bus"
+                             : topic == kTracePath ? "path"
+                                                   : "exec");
     va_list arguments;
     va_start(arguments, format);
     const int more =

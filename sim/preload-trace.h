@@ -9,9 +9,10 @@ namespace board_sim {
 enum TraceTopic : unsigned {
     kTraceBus = 1,   // i2c-dev nodes and every transfer on a simulated bus
     kTracePath = 2,  // file names moved into the sandbox
+    kTraceExec = 4,  // programs started through the emulator of another machine
 };
 
-// Reads the comma-separated topics of ORCA_SIM_TRACE ("bus", "path"); an unknown word is
+// Reads the comma-separated topics of ORCA_SIM_TRACE ("bus", "path", "exec"); an unknown word is
 // reported on standard error and ignored. Off when the variable is unset or empty.
 void configure_trace(const char* topics);
 bool tracing(TraceTopic topic);

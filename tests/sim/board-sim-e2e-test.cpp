@@ -56,6 +56,16 @@ TEST(BoardSimEndToEnd, RealI2cdetectListsTheSimulatedTargets) {
     EXPECT_NE(result.out.find("\n70: "), std::string::npos) << "the table is still printed";
 }
 
+// A shell of the build machine starts a program of the target machine: in a cross build the
+// program runs under the emulator, and sees the board through the preload of its own machine.
+TEST(BoardSimEndToEnd, HostShellStartsATargetProgramOnTheBoard) {
+    const auto result = on_board(
+        {}, {"sh", "-c", std::string("uname -m; ") + ORCA_MACHINE_PROBE + " 'one two' three"});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(result.out, std::string(ORCA_HOST_MACHINE) + "\n" + ORCA_TARGET_MACHINE +
+                              " on the board: [one two] [three]\n");
+}
+
 TEST(BoardSimEndToEnd, ToolScanFindsTheBusThatCarriesThePair) {
     const std::string buses = "buses=0,1,2,3";
     const struct {
@@ -130,7 +140,8 @@ TEST(BoardSimEndToEnd, OddFramesAreReportedAndTheTraceShowsThem) {
          {"] path: "}},
         {"path", {"] path: open /data/quillon/vtx/5_8_mv_to_dbm.csv -> /tmp/obs-"}, {"] bus: "}},
         {"bus,nonsense",
-         {"board-sim: ORCA_SIM_TRACE: unknown topic \"nonsense\" (known: bus, path)\n", "] bus: "},
+         {"board-sim: ORCA_SIM_TRACE: unknown topic \"nonsense\" (known: bus, path, exec)\n",
+          "] bus: "},
          {}},
     };
     for (const auto& t : traces) {

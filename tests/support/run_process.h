@@ -21,7 +21,7 @@ struct ProcessOptions {
     std::string path_prefix;                               // put first on PATH when not empty
     std::string stdin_text;   // written to the child's standard input, then closed
     std::string working_dir;  // the child's working directory when not empty
-    int timeout_ms = 20000;   // the child is killed after this long
+    int timeout_ms = 20000;   // the child is killed after this long (five times it when emulated)
     // For programs that run until stopped: called with the output so far whenever more
     // arrives; once it returns true the child gets stop_signal, and the run goes on
     // collecting until the child has ended.
