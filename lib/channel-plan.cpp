@@ -6,6 +6,7 @@
 
 #include <fmt/core.h>
 
+#include "command-output.h"
 #include "orca-common.h"
 #include "shell-command.h"
 
@@ -106,11 +107,7 @@ std::string get_chip(std::string card) {
         std::printf("get_chip: cannot open pipe\n");
         return "";
     }
-    std::string listing;
-    char buffer[512];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
-        listing.append(buffer, n);
+    std::string listing = orca_command::read_all(pipe);
     pclose(pipe);
     if (listing.find("rtl8812au") != std::string::npos ||
         listing.find("rtl88xxau_vtx") != std::string::npos)

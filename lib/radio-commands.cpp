@@ -7,22 +7,11 @@
 
 #include <fmt/core.h>
 
+#include "command-output.h"
 #include "orca-common.h"
 #include "shell-command.h"
 
 namespace {
-
-// Everything a popen() reader gives, in pieces of `piece` bytes.
-std::string read_all(FILE* pipe, size_t piece) {
-    std::string text;
-    char buffer[512];
-    if (piece > sizeof buffer)
-        piece = sizeof buffer;
-    size_t n;
-    while ((n = std::fread(buffer, 1, piece, pipe)) > 0)
-        text.append(buffer, n);
-    return text;
-}
 
 std::string trim_blanks(const std::string& text) {
     const char* blanks = " \n\r\t";
@@ -44,7 +33,7 @@ bool systemctl_answers(const char* verb, const std::string& service, const char*
         fmt::print(stderr, "ERROR: Failed to run systemctl {} command.\n", verb);
         return false;
     }
-    const std::string answer = read_all(pipe, 128);
+    const std::string answer = orca_command::read_all(pipe);
     pclose(pipe);
     return trim_blanks(answer) == expected;
 }
@@ -58,7 +47,7 @@ std::string run_command(const std::string& command) {
         fmt::print(stderr, "popen() failed!\n");
         return "";
     }
-    std::string output = read_all(pipe, 128);
+    std::string output = orca_command::read_all(pipe);
     pclose(pipe);
     return output;
 }
@@ -104,7 +93,7 @@ int set_ath0_monitor_mode(int channel) {
         fmt::print(stderr, "popen() failed!\n");
         return -1;
     }
-    read_all(pipe, 512);
+    orca_command::read_all(pipe);
     const int status = pclose(pipe);
     if (status == -1 || !WIFEXITED(status))
         return -1;

@@ -52,6 +52,8 @@ void set_h265_fu_header(fu_header_h265_t* header, bool start, bool end, int type
 }
 
 int create_rtp_packet_fragment(const uint8_t* nal_data, size_t payload_length, uint32_t timestamp,
+                               // The service's declared signature takes the config by value.
+                               // NOLINTNEXTLINE(performance-unnecessary-value-param)
                                bool first_fragment, vtx_config_t /*config*/, int bytes_left,
                                uint16_t* sequence, int nal_type,
                                std::shared_ptr<std::vector<uint8_t>>& out, venc_mode_t codec) {

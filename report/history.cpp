@@ -92,7 +92,8 @@ int accept_calibration(const std::string& dir, std::string& snapshot, std::strin
     }
     // Two acceptances within one second get -01, -02, ...: still in time order.
     std::string name = stamp;
-    for (int n = 1; exists(history + "/" + name) && n < 100; ++n) {
+    const std::string folder = history + "/";
+    for (int n = 1; exists(folder + name) && n < 100; ++n) {
         char suffix[16];
         snprintf(suffix, sizeof suffix, "-%02d", n);
         name = std::string(stamp) + suffix;
@@ -142,14 +143,14 @@ int latest_snapshot(const std::string& dir, std::string& snapshot, std::string& 
         return -1;
     }
     std::string newest;
+    const std::string prefix = history + "/";
     while (const dirent* entry = readdir(folder)) {
         const std::string name = entry->d_name;
         // Hidden names are snapshots still being written, and . and ..
         if (name.empty() || name[0] == '.')
             continue;
         struct stat info {};
-        if (stat((history + "/" + name).c_str(), &info) == 0 && S_ISDIR(info.st_mode) &&
-            name > newest)
+        if (stat((prefix + name).c_str(), &info) == 0 && S_ISDIR(info.st_mode) && name > newest)
             newest = name;
     }
     closedir(folder);

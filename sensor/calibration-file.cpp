@@ -3,6 +3,7 @@
 // did not calibrate, "NA" for levels that a merge appends, TEMP_ERROR_<whole>_<tenth> where
 // a temperature stop hit.
 #include "calibration-file.h"
+#include "frequency-band.h"
 
 #include <cerrno>
 #include <climits>
@@ -207,14 +208,7 @@ void free_rows(char** rows, int count) {
 }  // namespace
 
 const char* calibration_band_tag(int frequency_mhz) {
-    const int hundreds = frequency_mhz / 100;
-    if (hundreds >= 23 && hundreds <= 25)
-        return "2_4";
-    if (hundreds >= 50 && hundreds <= 55)
-        return "5_1";
-    if (hundreds >= 56 && hundreds <= 59)
-        return "5_8";
-    return nullptr;
+    return band_file_tag(frequency_band(frequency_mhz));
 }
 
 int format_calibration_path(int frequency_mhz, char* path, size_t size) {

@@ -10,6 +10,7 @@
 
 #include "calibration-run.h"
 #include "calibration-safety.h"
+#include "frequency-band.h"
 #include "i2c-monitor.h"
 
 CalibrationTx* g_calibration_tx = nullptr;
@@ -33,18 +34,13 @@ int run_shell(const char* format, int value) {
 }
 
 bool is_24_ghz(int frequency_mhz) {
-    const int hundreds = frequency_mhz / 100;
-    return hundreds >= 23 && hundreds <= 25;
+    return frequency_band(frequency_mhz) == FrequencyBand::ghz_2_4;
 }
 
-// Band of the mV-to-dBm tables.
+// Band of the mV-to-dBm tables; a frequency in no band reads the 5.8 table.
 const char* conversion_band(int frequency_mhz) {
-    const int hundreds = frequency_mhz / 100;
-    if (is_24_ghz(frequency_mhz))
-        return "2.4";
-    if (hundreds >= 50 && hundreds <= 55)
-        return "5.1";
-    return "5.8";
+    const char* name = band_table_name(frequency_band(frequency_mhz));
+    return name != nullptr ? name : "5.8";
 }
 
 int set_frequency(int frequency_mhz) {

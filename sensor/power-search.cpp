@@ -21,6 +21,8 @@ constexpr int kZeroCheckAboveIndex = 25;
 constexpr double kZeroReadingDb = 0.01;
 
 // The search's own bands, narrower than the read cycle's: 5300-5699 MHz is refused.
+// Deliberately narrower than frequency_band(): the search takes 5000-5299 and 5700-5999 MHz
+// only, and refuses the frequencies between.
 bool search_band(double frequency_mhz, double* band) {
     if (!(frequency_mhz > -1e9 && frequency_mhz < 1e9))
         return false;  // NaN or beyond any int: no band

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "frequency-band.h"
 #include "i2c-monitor.h"
 
 namespace {
@@ -38,13 +39,9 @@ bool select_adc(int fd) {
 // The channel-1 (5 GHz detector) table for a frequency. Unknown frequencies fall back to
 // 5.8 with a warning rather than fail the reading.
 const char* channel1_band(int frequency_mhz) {
-    const int hundreds = frequency_mhz / 100;
-    if (hundreds >= 50 && hundreds <= 55)
-        return "5.1";
-    if (hundreds >= 56 && hundreds <= 59)
-        return "5.8";
-    if (hundreds >= 23 && hundreds <= 25)
-        return "2.4";
+    const char* name = band_table_name(frequency_band(frequency_mhz));
+    if (name != nullptr)
+        return name;
     fprintf(stderr, "Warning: Invalid frequency %d MHz\n", frequency_mhz);
     return "5.8";
 }

@@ -303,6 +303,8 @@ double nominal_detector_mv(const char* tag, int mcs, double dbm) {
     return last.mv + mv_per_db * (dbm - top_dbm);
 }
 
+// The simulator's own copy of the tool's band rule, kept apart on purpose: a board that
+// shared the tool's code would agree with the tool's mistakes instead of catching them.
 const char* band_tag_for_frequency(int frequency_mhz) {
     const int hundreds = frequency_mhz / 100;
     if (hundreds >= 23 && hundreds <= 25)

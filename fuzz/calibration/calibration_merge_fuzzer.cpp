@@ -8,6 +8,13 @@
 #include <vector>
 
 #include "calibration-file.h"
+#include "quiet_output.h"
+
+// The merge reports each column it replaces on stdout.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    orca_fuzz_quiet(argc, argv);
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)

@@ -1,6 +1,7 @@
 // Feeds arbitrary file contents through the conversion-table loader and both lookups.
 #include "i2c-monitor.h"
 #include "mv-to-dbm-file.h"
+#include "quiet_output.h"
 
 #include <climits>
 #include <cmath>
@@ -28,7 +29,9 @@ const double kVoltages[] = {-INFINITY, -1e300, -1.0, 0.0,   0.5,      100.0,
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
+// The loader reports every damaged file on stderr.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    orca_fuzz_quiet(argc, argv);
     const int fd = mkstemp(g_scratch_path);
     if (fd < 0) {
         std::perror("mkstemp");

@@ -5,6 +5,13 @@
 #include <vector>
 
 #include "orca-common.h"
+#include "quiet_output.h"
+
+// Every rejected batch is reported on stderr.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    orca_fuzz_quiet(argc, argv);
+    return 0;
+}
 
 template <typename Record>
 static void check(Record* (*validate)(char*, int, int*), const uint8_t* data, size_t size) {

@@ -17,15 +17,15 @@ extern "C" {
 #define PIPE_MAX_RECORD_BYTES 65536
 #define PIPE_MAX_CONTROL_CMD_BYTES 1024
 
-#define PIPE_ERROR_OTHER -1
-#define PIPE_ERROR_INVALID_ARG -2     // bad channel number, null or empty argument
-#define PIPE_ERROR_PATH_TOO_LONG -3   // the pipe's socket paths would not fit sun_path
-#define PIPE_ERROR_CHANNEL_OPEN -4    // the channel is already open in this process
-#define PIPE_ERROR_NOT_OPEN -5        // the channel is not open
-#define PIPE_ERROR_SERVER_RUNNING -6  // another live server already publishes that pipe
-#define PIPE_ERROR_NO_SERVER -7       // nobody publishes that pipe
-#define PIPE_ERROR_NO_CONTROL -8      // the server takes no control commands
-#define PIPE_ERROR_TIMEOUT -9         // the server did not acknowledge in time
+#define PIPE_ERROR_OTHER (-1)
+#define PIPE_ERROR_INVALID_ARG (-2)     // bad channel number, null or empty argument
+#define PIPE_ERROR_PATH_TOO_LONG (-3)   // the pipe's socket paths would not fit sun_path
+#define PIPE_ERROR_CHANNEL_OPEN (-4)    // the channel is already open in this process
+#define PIPE_ERROR_NOT_OPEN (-5)        // the channel is not open
+#define PIPE_ERROR_SERVER_RUNNING (-6)  // another live server already publishes that pipe
+#define PIPE_ERROR_NO_SERVER (-7)       // nobody publishes that pipe
+#define PIPE_ERROR_NO_CONTROL (-8)      // the server takes no control commands
+#define PIPE_ERROR_TIMEOUT (-9)         // the server did not acknowledge in time
 
 // Client flag: start the reader thread that hands every read to the simple-helper callback.
 #define CLIENT_FLAG_EN_SIMPLE_HELPER 1

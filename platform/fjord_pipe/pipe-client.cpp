@@ -149,7 +149,8 @@ ReadEnd read_records(int channel, int fd, int wake_fd, std::vector<char>* buffer
     }
 }
 
-void run_reader(int channel, std::string dir, std::string client_name, int wake_fd, int buf_len) {
+void run_reader(int channel, const std::string& dir, const std::string& client_name, int wake_fd,
+                int buf_len) {
     sockaddr_un address;
     const socklen_t length = fjord_pipe::socket_address(dir, fjord_pipe::kDataSocket, &address);
     // Room for the welcome even when the records are smaller.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "calibration-file.h"
+#include "frequency-band.h"
 
 namespace {
 
@@ -36,19 +37,25 @@ std::string appended_from(int first, const std::string& commas) {
     return text;
 }
 
-TEST(CalibrationFile, BandFilesFollowTheFrequency) {
+// The band rule picks both the calibration file and the conversion table.
+TEST(CalibrationFile, BandFilesAndTablesFollowTheFrequency) {
     char path[256];
     const struct {
         int mhz;
         const char* tag;
-    } kCases[] = {{2300, "2_4"}, {2599, "2_4"}, {5000, "5_1"},
-                  {5599, "5_1"}, {5600, "5_8"}, {5999, "5_8"}};
+        const char* table;
+    } kCases[] = {{2300, "2_4", "2.4"}, {2599, "2_4", "2.4"}, {5000, "5_1", "5.1"},
+                  {5599, "5_1", "5.1"}, {5600, "5_8", "5.8"}, {5999, "5_8", "5.8"}};
     for (const auto& c : kCases) {
         ASSERT_EQ(format_calibration_path(c.mhz, path, sizeof path), 0) << c.mhz;
         EXPECT_EQ(std::string(path), std::string("/data/quillon/vtx/calibrated_") + c.tag + ".csv");
+        EXPECT_STREQ(band_table_name(frequency_band(c.mhz)), c.table) << c.mhz;
     }
-    for (int mhz : {2299, 2600, 4999, 6000, 0})
+    for (int mhz : {2299, 2600, 4999, 6000, 0, -2400, -5800}) {
         EXPECT_EQ(format_calibration_path(mhz, path, sizeof path), -1) << mhz;
+        EXPECT_EQ(frequency_band(mhz), FrequencyBand::none) << mhz;
+        EXPECT_EQ(band_table_name(frequency_band(mhz)), nullptr) << mhz;
+    }
 }
 
 TEST(CalibrationFile, MergeAddsThePairWhereItBelongsAndKeepsTheRest) {

@@ -4,6 +4,7 @@
 
 #include "capture_output.h"
 #include "orca-common.h"
+#include "orca-vtx-helpers.h"
 
 using orca_test::capture_output;
 using orca_test::Printed;
@@ -26,6 +27,8 @@ void check(Record* (*validate)(char*, int, int*), int size, const std::string& n
     EXPECT_EQ(count, 2);
     EXPECT_EQ(validate(middle, 0, &count), reinterpret_cast<Record*>(middle));
     EXPECT_EQ(count, 0);
+    // A caller that does not want the count still gets the verdict.
+    EXPECT_EQ(validate(middle, 2 * size, nullptr), reinterpret_cast<Record*>(middle));
 
     Printed printed = capture_output([&] {
         count = -5;
@@ -49,6 +52,7 @@ TEST(PipeValidators, AcceptWholeBatchesOfGoodRecordsAndRefuseOthersWithTheirReas
     check(pipe_validate_ndc_coords_data, 24, "ndc_coords_t");
     check(orca_modem_doodle_validate_pipe_data, 32, "Doodle stats");
     check(pipe_validate_bbox_data, 92, "Tflite");
+    check(orca_vtx_validate_pipe_data, static_cast<int>(sizeof(VtxLatencyRecord)), "VTX");
 }
 
 }  // namespace
