@@ -153,6 +153,9 @@ TEST_F(PowerAdjustTest, SearchBisectsThenScansWithinItsTargetAndBandLimits) {
         // Index 25 is not yet high power: its zero reading is only far from the target.
         {24.75, 5800, 1.0, 25, "30 15 22 26 24 25 24", "",
          "Testing power level 25 -> 0.0 dBm\nBinary search complete. Best power level found: 24\n"},
+        // Index 26 is: the same reading there ends the search at the lowest power.
+        {24.75, 5800, 1.0, 26, "30 15 22 26 1", "",
+         "Testing power level 26 -> 0.0 dBm\nDetected 0 dBm reading at high power level 26\n"},
         {30.2, 5800, 0.5, 0, "30 45 53 57 59 60 60",
          "Desired dBm is too high. Capping to 30 dBm.\n", "achieve 30.00"},
         {30.1, 5299, 0.5, 0, "30 45 53 57 59 60 60", "", "achieve 30.00"},

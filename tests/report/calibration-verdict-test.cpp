@@ -169,6 +169,18 @@ TEST(CalibrationVerdict, EachFileShapeGivesItsFindings) {
          },
          {},
          Severity::pass},
+        {"a dip of 0.55 dB is not",
+         Band::b5_8,
+         0,
+         [](Cells c) {
+             double highest = 0;
+             for (int l = 1; l < 30; ++l)
+                 highest = std::max(highest, std::stod(c[l]));
+             c[30] = mw_text(highest * std::pow(10.0, -0.055));
+             return c;
+         },
+         {"not-monotonic:fail"},
+         Severity::fail},
         {"a flat column",
          Band::b5_8,
          0,
@@ -178,6 +190,27 @@ TEST(CalibrationVerdict, EachFileShapeGivesItsFindings) {
              return c;
          },
          {"no-response:fail", "default-deviation:fail", "early-saturation:warn"},
+         Severity::fail},
+        // Spans just under and just over 3 dB, rising evenly from 20 dBm.
+        {"a span of 2.95 dB",
+         Band::b5_8,
+         0,
+         [](Cells c) {
+             for (int l = 1; l <= 60; ++l)
+                 c[l] = mw_text(100.0 * std::pow(10.0, 0.295 * (l - 1) / 59.0));
+             return c;
+         },
+         {"no-response:fail", "default-deviation:fail"},
+         Severity::fail},
+        {"a span of 3.05 dB",
+         Band::b5_8,
+         0,
+         [](Cells c) {
+             for (int l = 1; l <= 60; ++l)
+                 c[l] = mw_text(100.0 * std::pow(10.0, 0.305 * (l - 1) / 59.0));
+             return c;
+         },
+         {"default-deviation:fail"},
          Severity::fail},
         {"a knee 12 levels early",
          Band::b2_4,
@@ -190,18 +223,57 @@ TEST(CalibrationVerdict, EachFileShapeGivesItsFindings) {
          },
          {"early-saturation:warn", "default-deviation:warn"},
          Severity::warn},
+        // The default curve's knee is 55: flat from 46 is 9 levels early, from 47 only 8.
+        {"a knee 9 levels early",
+         Band::b2_4,
+         0,
+         [](Cells c) {
+             for (int l = 47; l <= 60; ++l)
+                 c[l] = mw_text(std::stod(c[46]) * std::pow(10.0, 0.04 * (l - 46) / 14.0));
+             return c;
+         },
+         {"early-saturation:warn"},
+         Severity::warn},
+        {"a knee 8 levels early",
+         Band::b2_4,
+         0,
+         [](Cells c) {
+             for (int l = 48; l <= 60; ++l)
+                 c[l] = mw_text(std::stod(c[47]) * std::pow(10.0, 0.04 * (l - 47) / 13.0));
+             return c;
+         },
+         {},
+         Severity::pass},
         {"2.9 dB above the default",
          Band::b5_1,
          3,
          [](Cells c) { return scaled(c, 2.9); },
          {},
          Severity::pass},
+        {"3.1 dB above the default",
+         Band::b5_1,
+         3,
+         [](Cells c) { return scaled(c, 3.1); },
+         {"default-deviation:warn"},
+         Severity::warn},
         {"4 dB above the default",
          Band::b5_1,
          3,
          [](Cells c) { return scaled(c, 4.0); },
          {"default-deviation:warn"},
          Severity::warn},
+        {"5.9 dB below the default",
+         Band::b5_1,
+         3,
+         [](Cells c) { return scaled(c, -5.9); },
+         {"default-deviation:warn"},
+         Severity::warn},
+        {"6.1 dB below the default",
+         Band::b5_1,
+         3,
+         [](Cells c) { return scaled(c, -6.1); },
+         {"default-deviation:fail"},
+         Severity::fail},
         {"7 dB below the default",
          Band::b5_1,
          3,
@@ -214,6 +286,30 @@ TEST(CalibrationVerdict, EachFileShapeGivesItsFindings) {
          [](Cells c) { return scaled(c, 0.9); },
          {},
          Severity::pass,
+         {},
+         same},
+        {"1.1 dB from the previous run",
+         Band::b2_4,
+         3,
+         [](Cells c) { return scaled(c, 1.1); },
+         {"changed:warn"},
+         Severity::warn,
+         {},
+         same},
+        {"2.9 dB from the previous run",
+         Band::b2_4,
+         3,
+         [](Cells c) { return scaled(c, 2.9); },
+         {"changed:warn"},
+         Severity::warn,
+         {},
+         same},
+        {"3.1 dB from the previous run",
+         Band::b2_4,
+         3,
+         [](Cells c) { return scaled(c, 3.1); },
+         {"changed:fail", "default-deviation:warn"},
+         Severity::fail,
          {},
          same},
         {"1.5 dB from the previous run",

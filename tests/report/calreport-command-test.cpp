@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "board_run.h"
 #include "calibration-verdict.h"
 #include "run_process.h"
 
@@ -268,10 +269,13 @@ TEST_F(CalreportCommand, AcceptedCalibrationIsTheBaseOfTheNextComparison) {
 TEST(CalreportEndToEnd, CalibrationOfTheDefaultBoardPasses) {
     orca_test::TempDir tmp;
     const std::string board = tmp.path() + "/board";
-    const orca_test::ProcessResult calibration =
-        run_process({ORCA_BOARD_SIM, "--root", board, "--", ORCA_MONITOR_BINARY, "-d", "1",
-                     "-fast-calibrate", "-f", "2412", "-f", "5180", "-f", "5805", "-m", "0"});
-    ASSERT_EQ(calibration.exit_status, 0) << calibration.err;
+    // Through the shared board run, which also fails the test on frames no device understood.
+    const orca_test::BoardRun calibration =
+        orca_test::run_on_board({},
+                                {ORCA_MONITOR_BINARY, "-d", "1", "-fast-calibrate", "-f", "2412",
+                                 "-f", "5180", "-f", "5805", "-m", "0"},
+                                board);
+    ASSERT_EQ(calibration.result.exit_status, 0) << calibration.result.err;
     const orca_test::ProcessResult result =
         run_process({ORCA_CALREPORT_BINARY, "--dir", board + "/data/quillon/vtx", "--region", "fcc",
                      "--json", tmp.path() + "/r.json"});
