@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     PowerCalibrationMap map =

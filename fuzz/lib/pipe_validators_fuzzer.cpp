@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "orca-common.h"
+#include <orca-vtx/orca-common.h>
 
 template <typename Record>
 static void check(Record* (*validate)(char*, int, int*), const uint8_t* data, size_t size) {

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "capture_output.h"
-#include "orca-common.h"
+#include <orca-vtx/orca-common.h>
 
 using orca_test::capture_output;
 using orca_test::Printed;

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "calibration-verdict.h"
+#include <orca-vtx/calibration-verdict.h>
 #include "run_process.h"
 
 namespace {
