@@ -8,6 +8,9 @@
 #include <string_view>
 #include <vector>
 
+// The library is built with hidden visibility: what this header declares is its API.
+#pragma GCC visibility push(default)
+
 namespace orca_verdict {
 
 enum class Band : int { b2_4 = 0, b5_1 = 1, b5_8 = 2 };
@@ -128,3 +131,5 @@ int judge_calibration(const std::vector<CalibrationFile>& files, const VerdictOp
                       const std::vector<CalibrationFile>* previous, Verdict& verdict);
 
 }  // namespace orca_verdict
+
+#pragma GCC visibility pop

@@ -6,6 +6,9 @@
 #include <map>
 #include <string>
 
+// The library is built with hidden visibility: what this header declares is its API.
+#pragma GCC visibility push(default)
+
 enum class RegulatoryDomain : int { off = 0, fcc = 1 };
 enum scan_direction_e : int { SCAN_DIRECTION_DOWN = 0, SCAN_DIRECTION_UP = 1 };
 enum venc_mode_t : int { VENC_H264 = 0, VENC_H265 = 1 };
@@ -82,3 +85,5 @@ external_fc_status_t* validate_ext_fc_status_pipe_data(char* data, int bytes, in
 ndc_coords_t* pipe_validate_ndc_coords_data(char* data, int bytes, int* count);
 orca_modem_doodle_stats_t* orca_modem_doodle_validate_pipe_data(char* data, int bytes, int* count);
 orca_bbox_t* pipe_validate_bbox_data(char* data, int bytes, int* count);
+
+#pragma GCC visibility pop

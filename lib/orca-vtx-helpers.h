@@ -14,6 +14,9 @@
 
 #include "orca-common.h"
 
+// The library is built with hidden visibility: what this header declares is its API.
+#pragma GCC visibility push(default)
+
 struct vtx_profile_t {
     int power = 0;          // mW
     int power_idx = 0;      // 63: not regulated
@@ -148,3 +151,5 @@ double _calc_input_bitrate_mbps(int next_position, const std::vector<uint64_t>& 
                                 const std::vector<int64_t>& frame_times_ns);
 // The "bps" of the camera pipe's info file, 1000000 when it cannot be read.
 int fetch_camera_bitrate(const std::string& source);
+
+#pragma GCC visibility pop

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "calibration-verdict.h"
+#include <orca-vtx/calibration-verdict.h>
 
 struct ReportOptions {
     std::string dir = "/data/quillon/vtx";

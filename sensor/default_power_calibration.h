@@ -3,6 +3,9 @@
 
 #include <string_view>
 
+// The library is built with hidden visibility: what this header declares is its API.
+#pragma GCC visibility push(default)
+
 namespace default_cal {
 extern const std::string_view kCalibrated_2_4;
 extern const std::string_view kCalibrated_5_1;
@@ -14,3 +17,5 @@ double default_cal_get_mv(const char* band, int mcs, int power_level);
 }  // namespace default_cal
 
 using default_cal::default_cal_get_mv;  // reachable unqualified as well
+
+#pragma GCC visibility pop

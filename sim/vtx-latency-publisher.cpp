@@ -13,7 +13,7 @@
 #include <string>
 
 #include "fjord_pipe.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 namespace {
 

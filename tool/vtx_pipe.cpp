@@ -5,7 +5,7 @@
 
 #include "fjord_pipe.h"
 #include "i2c-monitor.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 std::atomic<int> g_frequency{5800};
 std::atomic<int> g_mcs{0};

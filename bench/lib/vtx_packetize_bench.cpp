@@ -13,8 +13,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "default_power_calibration.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/default_power_calibration.h>
+#include <orca-vtx/orca-vtx-helpers.h>
 
 namespace {
 std::atomic<long> g_allocations{0};

@@ -3,7 +3,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
+
 #include "quiet_output.h"
 
 // The loader and the index choice report each damaged line and missing MCS on stderr.

@@ -4,7 +4,8 @@
 #include <cstring>
 #include <vector>
 
-#include "orca-common.h"
+#include <orca-vtx/orca-common.h>
+
 #include "quiet_output.h"
 
 // Every rejected batch is reported on stderr.

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 3)

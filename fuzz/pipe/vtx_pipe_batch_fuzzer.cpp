@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 #include "vtx_pipe.h"
 
 namespace {

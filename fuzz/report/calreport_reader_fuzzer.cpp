@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "calibration-verdict.h"
+#include <orca-vtx/calibration-verdict.h>
 #include "report.h"
 
 using namespace orca_verdict;

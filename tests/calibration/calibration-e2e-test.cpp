@@ -19,7 +19,7 @@
 #include "i2c-monitor.h"
 #include "listed_calibration_tables.h"
 #include "mv-to-dbm-file.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "capture_output.h"
-#include "orca-common.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-common.h>
+#include <orca-vtx/orca-vtx-helpers.h>
 
 using orca_test::capture_output;
 using orca_test::Printed;

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "capture_output.h"
-#include "default_power_calibration.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/default_power_calibration.h>
+#include <orca-vtx/orca-vtx-helpers.h>
 #include "run_process.h"
 
 using orca_test::capture_output;

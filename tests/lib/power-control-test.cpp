@@ -5,7 +5,7 @@
 
 #include "capture_output.h"
 #include "command_stand_ins.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 using orca_test::capture_output;
 using orca_test::Printed;

@@ -2,7 +2,7 @@
 
 #include "capture_output.h"
 #include "command_stand_ins.h"
-#include "orca-common.h"
+#include <orca-vtx/orca-common.h>
 
 using orca_test::capture_output;
 using orca_test::Printed;

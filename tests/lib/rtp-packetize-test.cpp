@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "capture_output.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 using orca_test::capture_output;
 using orca_test::Printed;

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "fjord_pipe.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "capture_output.h"
 #include "i2c-monitor.h"
-#include "orca-vtx-helpers.h"
+#include <orca-vtx/orca-vtx-helpers.h>
 #include "vtx_pipe.h"
 
 namespace {

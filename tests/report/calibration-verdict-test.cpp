@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "calibration-verdict.h"
+#include <orca-vtx/calibration-verdict.h>
 
 using namespace orca_verdict;
 

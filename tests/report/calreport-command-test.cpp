@@ -15,8 +15,9 @@
 #include <string>
 #include <vector>
 
+#include <orca-vtx/calibration-verdict.h>
+
 #include "board_run.h"
-#include "calibration-verdict.h"
 #include "run_process.h"
 
 namespace {

@@ -1,9 +1,9 @@
 // Uses the installed library through its installed headers only.
 #include <cstdio>
 
-#include <default_power_calibration.h>
-#include <orca-common.h>
-#include <orca-vtx-helpers.h>
+#include <orca-vtx/default_power_calibration.h>
+#include <orca-vtx/orca-common.h>
+#include <orca-vtx/orca-vtx-helpers.h>
 
 int main() {
     PowerCalibrationMap map = loadPowerCalibrationDataFromString(default_cal::kCalibrated_5_8);

@@ -1,7 +1,7 @@
 // Calls into the installed library and checks two channel-plan answers.
 #include <cstdio>
 
-#include "orca-common.h"
+#include <orca-vtx/orca-common.h>
 
 int main() {
     const int frequency = channel_to_frequency(36);
