@@ -199,8 +199,9 @@ TEST_F(PipeBus, PipeFilesHaveFixedModesWhateverTheUmask) {
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) != 2)
+    if (WEXITSTATUS(status) != 2) {
         EXPECT_EQ(WEXITSTATUS(status), 0) << "another user opened the lock";
+    }
 }
 
 TEST_F(PipeBus, ASlowReaderIsWarnedOncePerRunOfDrops) {
