@@ -80,7 +80,7 @@ static_assert(sizeof(orca_bbox_t) == 92, "bounding box records are 92 bytes");
 
 // Each validator checks that `data` holds whole records that all begin with the magic
 // number. It returns `data` as an array of `*count` records, or nullptr (count 0) after
-// printing why the batch was refused.
+// printing why the batch was refused. `count` may be null when the caller does not want it.
 external_fc_status_t* validate_ext_fc_status_pipe_data(char* data, int bytes, int* count);
 ndc_coords_t* pipe_validate_ndc_coords_data(char* data, int bytes, int* count);
 orca_modem_doodle_stats_t* orca_modem_doodle_validate_pipe_data(char* data, int bytes, int* count);

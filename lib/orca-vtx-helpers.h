@@ -84,9 +84,15 @@ void printPowerMap(const PowerCalibrationMap& map);
 extern std::deque<int32_t> power_samples;
 extern int32_t power_over_limit_cnt;
 
+// The power index for `*wanted_mw` from the table of `mcs` (else its nearest lower MCS down
+// to 0, else its nearest higher one up to 7); any MCS value is accepted. Under FCC at 5180
+// to 5320 MHz it sets *wanted_mw to 200 first. A null wanted_mw counts as 0 mW.
 int findClosestPowerIndex(const PowerCalibrationMap& map, int mcs, int* wanted_mw,
                           int frequency_mhz, RegulatoryDomain domain, bool adc_available);
-// Call once per detector measurement.
+// Call once per detector measurement. Returns 0; -1 (with a message, nothing changed) for a
+// null config or control, an active profile that does not exist, or a tolerance that is
+// not a finite number. The index offset moves by at most one step per call and never
+// leaves its type; power index sums are taken in 64 bits.
 int power_feedback_loop(vtx_config_t* config, PowerControl* control, double measured_dbm,
                         bool primary_override);
 void steady_state_power_feedback_loop(vtx_config_t* config, PowerControl* control,

@@ -1,7 +1,9 @@
 // Correcting the power index against the on-board detector: a stepping sequence after
 // each change of the wanted power, then a steady-state hold on averaged measurements.
+#include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 
 #include <fmt/core.h>
@@ -14,6 +16,10 @@ int32_t power_over_limit_cnt = 0;
 namespace {
 
 const vtx_profile_t* active_profile(const vtx_config_t* config) {
+    if (config == nullptr) {
+        fmt::print(stderr, "Error: no VTX configuration\n");
+        return nullptr;
+    }
     if (config->active_profile_idx < 0 ||
         config->active_profile_idx >= static_cast<int>(config->profiles.size())) {
         fmt::print(stderr, "Error: active profile {} does not exist ({} profiles)\n",
@@ -23,10 +29,37 @@ const vtx_profile_t* active_profile(const vtx_config_t* config) {
     return &config->profiles[config->active_profile_idx];
 }
 
+// The index in force. The profile's index and the offset are any values a caller stored,
+// so the sum is taken in 64 bits.
+int64_t current_index(const vtx_profile_t& profile, const PowerControl* control) {
+    return int64_t{profile.power_idx} + control->index_offset;
+}
+
+// Moves the offset by one step; false (and no change) where it would leave its type.
+bool step_offset(PowerControl* control, int step) {
+    const int64_t next = int64_t{control->index_offset} + step;
+    if (next < INT32_MIN || next > INT32_MAX)
+        return false;
+    control->index_offset = static_cast<int32_t>(next);
+    return true;
+}
+
+void count_step(PowerControl* control) {
+    if (control->step_count < INT32_MAX)
+        control->step_count += 1;
+}
+
+// A limit in mW from a product in double: cut to the int range.
+int to_mw_limit(double mw) {
+    return static_cast<int>(
+        std::clamp(mw, static_cast<double>(INT_MIN), static_cast<double>(INT_MAX)));
+}
+
 int apply_power_index(const vtx_config_t* config, const vtx_profile_t& profile,
                       const PowerControl* control, bool primary_override) {
-    return set_power(config->card, profile.power_idx + control->index_offset, profile.alt_power_idx,
-                     primary_override, config->alt_power_enabled);
+    const int64_t index = std::clamp<int64_t>(current_index(profile, control), INT_MIN, INT_MAX);
+    return set_power(config->card, static_cast<int>(index), profile.alt_power_idx, primary_override,
+                     config->alt_power_enabled);
 }
 
 // Ends a sequence. Low-power profiles keep the level actually reached as their lower
@@ -52,9 +85,14 @@ int dbm_to_truncated_mw(double dbm) {
 
 int power_feedback_loop(vtx_config_t* config, PowerControl* control, double measured_dbm,
                         bool primary_override) {
-    const vtx_profile_t* profile = active_profile(config);
+    const vtx_profile_t* profile = control != nullptr ? active_profile(config) : nullptr;
     if (profile == nullptr)
         return -1;
+    if (!std::isfinite(control->tolerance)) {
+        fmt::print(stderr, "Error: power tolerance {} is not a finite number\n",
+                   control->tolerance);
+        return -1;
+    }
 
     // The first measurement after a change may predate it.
     if (control->active && control->step_count == 0) {
@@ -65,7 +103,7 @@ int power_feedback_loop(vtx_config_t* config, PowerControl* control, double meas
     const int measured = dbm_to_truncated_mw(measured_dbm);
     const int low = control->low_limit_mw != 0
                         ? control->low_limit_mw
-                        : static_cast<int>((1.0 - control->tolerance) * profile->power);
+                        : to_mw_limit((1.0 - control->tolerance) * profile->power);
     power_samples.push_back(measured);
     if (static_cast<int64_t>(power_samples.size()) > control->averaging_depth)
         power_samples.pop_front();
@@ -74,7 +112,7 @@ int power_feedback_loop(vtx_config_t* config, PowerControl* control, double meas
         control->active = false;
         return 0;
     }
-    const int high = static_cast<int>((1.0 + control->tolerance) * profile->power);
+    const int high = to_mw_limit((1.0 + control->tolerance) * profile->power);
 
     if (control->active && !config->alt_power_enabled) {
         bool apply = false;
@@ -86,30 +124,26 @@ int power_feedback_loop(vtx_config_t* config, PowerControl* control, double meas
             control->tolerance = 0.05;
             power_samples.clear();
             // In band but above the wanted power: one step down as a final trim.
-            if (measured > profile->power && profile->power_idx + control->index_offset >= 2) {
-                control->index_offset -= 1;
-                apply = true;
-            }
+            if (measured > profile->power && current_index(*profile, control) >= 2)
+                apply = step_offset(control, -1);
         } else if (measured < profile->power) {
             if (control->direction == 2 && control->step_count >= 3) {
                 // Just stepped down past the band: stepping back up would oscillate.
                 settle(*profile, control, power_samples, low, measured);
             } else {
-                control->step_count += 1;
+                count_step(control);
                 control->direction = 1;
-                control->index_offset += 1;
-                if (profile->power_idx + control->index_offset <= 63) {
+                if (current_index(*profile, control) + 1 <= 63 && step_offset(control, 1))
                     apply = true;
-                } else {
-                    control->index_offset -= 1;
+                else
                     settle(*profile, control, power_samples, low, measured);
-                }
             }
         } else if (measured > profile->power) {
             control->direction = 2;
-            control->step_count += 1;
-            control->index_offset -= 1;
-            if (profile->power_idx + control->index_offset > 0)
+            count_step(control);
+            // The offset stays stepped down even when that reaches the bottom and settles.
+            const bool stepped = step_offset(control, -1);
+            if (stepped && current_index(*profile, control) > 0)
                 apply = true;
             else
                 settle(*profile, control, power_samples, low, measured);
@@ -129,7 +163,7 @@ int power_feedback_loop(vtx_config_t* config, PowerControl* control, double meas
 void steady_state_power_feedback_loop(vtx_config_t* config, PowerControl* control,
                                       std::deque<int32_t>& samples, int low_mw, int high_mw,
                                       int measured_mw, bool primary_override) {
-    if (control->active || control->averaging_depth <= 0 ||
+    if (control == nullptr || control->active || control->averaging_depth <= 0 ||
         static_cast<int64_t>(samples.size()) != control->averaging_depth)
         return;
     const vtx_profile_t* profile = active_profile(config);
@@ -140,12 +174,11 @@ void steady_state_power_feedback_loop(vtx_config_t* config, PowerControl* contro
     for (int32_t sample : samples)
         sum += sample;
     const int64_t average = sum / control->averaging_depth;
-    const int index = profile->power_idx + control->index_offset;
+    const int64_t index = current_index(*profile, control);
 
     if (average < low_mw) {
         power_over_limit_cnt = 0;
-        if (index <= 62) {
-            control->index_offset += 1;
+        if (index <= 62 && step_offset(control, 1)) {
             apply_power_index(config, *profile, control, primary_override);
         } else {
             settle(*profile, control, samples, low_mw, measured_mw);
@@ -161,8 +194,8 @@ void steady_state_power_feedback_loop(vtx_config_t* config, PowerControl* contro
             return;
         }
         // The counter stays up, so a persisting excess steps down on every full window.
-        control->index_offset -= 1;
-        apply_power_index(config, *profile, control, primary_override);
+        if (step_offset(control, -1))
+            apply_power_index(config, *profile, control, primary_override);
         samples.clear();
     } else {
         power_over_limit_cnt = 0;

@@ -19,21 +19,19 @@ int fixed_max_power_index(int mcs, int frequency_mhz, RegulatoryDomain domain) {
     return 58;
 }
 
-// The requested MCS, else the nearest lower one, else the nearest higher one up to 7.
+// The requested MCS, else the nearest lower one down to 0, else the nearest higher one up
+// to 7. Looked up among the map's own keys, so any MCS value costs two lookups.
 const std::map<int, int>* find_mcs_table(const PowerCalibrationMap& map, int mcs) {
-    auto exact = map.find(mcs);
-    if (exact != map.end())
-        return &exact->second;
-    for (int lower = mcs - 1; lower >= 0; --lower) {
-        auto it = map.find(lower);
-        if (it != map.end())
-            return &it->second;
+    auto at_or_above = map.lower_bound(mcs);
+    if (at_or_above != map.end() && at_or_above->first == mcs)
+        return &at_or_above->second;
+    if (at_or_above != map.begin()) {
+        auto below = std::prev(at_or_above);
+        if (below->first >= 0)
+            return &below->second;
     }
-    for (int higher = mcs + 1; higher <= 7; ++higher) {
-        auto it = map.find(higher);
-        if (it != map.end())
-            return &it->second;
-    }
+    if (at_or_above != map.end() && at_or_above->first <= 7)
+        return &at_or_above->second;
     return nullptr;
 }
 
@@ -41,6 +39,10 @@ const std::map<int, int>* find_mcs_table(const PowerCalibrationMap& map, int mcs
 
 int findClosestPowerIndex(const PowerCalibrationMap& map, int mcs, int* wanted_mw,
                           int frequency_mhz, RegulatoryDomain domain, bool adc_available) {
+    // No wanted power counts as 0 mW: the lowest entry, never more power than asked for.
+    int unlimited_mw = 0;
+    if (wanted_mw == nullptr)
+        wanted_mw = &unlimited_mw;
     if (map.empty() && !adc_available) {
         const int index = fixed_max_power_index(mcs, frequency_mhz, domain);
         fmt::print(stderr,

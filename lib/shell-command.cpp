@@ -24,7 +24,8 @@ int run(const std::string& command) {
 }
 
 bool is_safe_name(const std::string& name, const char* what) {
-    bool safe = !name.empty();
+    // A leading "-" would reach the command as an option ("iw dev -rf ...").
+    bool safe = !name.empty() && name[0] != '-';
     for (unsigned char c : name) {
         if (!std::isalnum(c) && c != '-' && c != '_' && c != '.' && c != ':' && c != '@')
             safe = false;

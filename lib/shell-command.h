@@ -10,8 +10,9 @@ namespace orca_shell {
 int run(const std::string& command);
 
 // Interface and service names are pasted into shell command lines; a name with anything
-// beyond letters, digits and "-_.:@" is refused (with a message) rather than handed to the
-// shell, where it could run commands of its own.
+// beyond letters, digits and "-_.:@", or one that begins with "-" (it would be read as an
+// option), is refused (with a message) rather than handed to the shell, where it could run
+// commands of its own.
 bool is_safe_name(const std::string& name, const char* what);
 
 }  // namespace orca_shell

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "i2c-monitor.h"
+#include "service-command.h"
 
 namespace {
 
@@ -42,10 +43,8 @@ double apply_power_and_read_dbm(int fd, int power_index, SensorReading* reading,
                 kMinPowerLevel, kMaxPowerLevel);
         return kFailed;
     }
-    char command[256];
-    snprintf(command, sizeof command, "orca-configure-vtx -p %d", power_index);
     // The command's exit status is not looked at: a command that ran counts as applied.
-    if (system(command) == -1) {
+    if (run_configure_vtx("-p", power_index) == -1) {
         perror("Failed to set power level");
         return kFailed;
     }

@@ -12,6 +12,7 @@
 #include "calibration-safety.h"
 #include "frequency-band.h"
 #include "i2c-monitor.h"
+#include "service-command.h"
 
 CalibrationTx* g_calibration_tx = nullptr;
 
@@ -22,16 +23,9 @@ constexpr int kReadingsPerLevel = 4;  // the first after a power change is disca
 constexpr useconds_t kSettleAfterPowerUs = 650000;
 constexpr useconds_t kPauseBetweenReadingsUs = 100000;
 constexpr unsigned kFrequencySettleSeconds = 7;
-constexpr size_t kCommandSize = 256;
 
-// The shell's result: -1 only when it could not be started. The command's own exit
-// status does not count; the service's tools report their errors themselves.
-int run_shell(const char* format, int value) {
-    char command[kCommandSize];
-    snprintf(command, sizeof command, format, value);
-    fflush(stdout);  // keep our lines ahead of whatever the command prints
-    return system(command);
-}
+// The configure command's result counts only as -1 (no shell could be started): its own
+// exit status does not count; the service's tools report their errors themselves.
 
 bool is_24_ghz(int frequency_mhz) {
     return frequency_band(frequency_mhz) == FrequencyBand::ghz_2_4;
@@ -53,7 +47,7 @@ int set_frequency(int frequency_mhz) {
         printf("Set frequency to %d MHz\n", frequency_mhz);
         return 0;
     }
-    if (run_shell("orca-configure-vtx -F %d", frequency_mhz) == -1) {
+    if (run_configure_vtx("-F", frequency_mhz) == -1) {
         perror("Failed to set frequency");
         return -1;
     }
@@ -69,7 +63,7 @@ int apply_level(int level) {
             return -1;
         return 0;
     }
-    return run_shell("orca-configure-vtx -p %d", level) == -1 ? -1 : 0;
+    return run_configure_vtx("-p", level) == -1 ? -1 : 0;
 }
 
 // Readings 2 to 4 of a level into `stored`; returns how many there are.
@@ -108,7 +102,7 @@ int reset_power_to_minimum() {
         const int off = g_calibration_tx->tx_off();
         return power != 0 || off != 0 ? -1 : 0;
     }
-    return run_shell("orca-configure-vtx -p %d", 1) == -1 ? -1 : 0;
+    return run_configure_vtx("-p", 1) == -1 ? -1 : 0;
 }
 
 int perform_calibration_internal(int fd, int frequency_mhz, int mcs, const int* levels,

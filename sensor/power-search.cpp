@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "i2c-monitor.h"
+#include "service-command.h"
 
 namespace {
 
@@ -152,9 +153,7 @@ void set_dBm(int fd, SensorReading* reading, bool* adjust_flag, int* chosen_inde
         return;
     }
     *chosen_index = chosen;
-    char command[256];
-    snprintf(command, sizeof command, "orca-configure-vtx -p %d", chosen);
-    if (system(command) == -1)
+    if (run_configure_vtx("-p", chosen) == -1)
         perror("Failed to set optimal power level");
     else
         printf("Optimal power level found: %d\n", chosen);

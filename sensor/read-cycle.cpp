@@ -1,6 +1,7 @@
 // One read cycle of the power detector: reset and configure the ADS7142, read the board
 // temperature, take the conversion sequences while keeping each channel's peak, and turn
 // both peaks into dBm with the conversion table of their band.
+#include <fcntl.h>
 #include <linux/i2c-dev.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -25,12 +26,30 @@ constexpr double kFixedPauseSeconds = 0.001;
 // About 68 years: fits a time_t everywhere, and no operator waits longer for a line.
 constexpr double kLongestPauseSeconds = INT32_MAX;
 
+// Closes the bus but keeps its number taken. The caller goes on using `fd` (the monitor
+// retries the read cycle on it), so the number must not go to the next descriptor that
+// anyone in the process opens: the status pipe's reconnecting socket would then get the
+// bus ioctl and be closed under it. dup3 closes the bus and puts in its place in one step
+// an O_PATH descriptor, on which ioctl, read and write fail with EBADF as on a closed one.
+void close_keeping_number(int fd) {
+    const int placeholder = open("/", O_PATH | O_CLOEXEC);
+    if (placeholder < 0) {
+        close(fd);
+        return;
+    }
+    if (placeholder == fd)
+        return;  // it was not open, and now it is held
+    if (dup3(placeholder, fd, O_CLOEXEC) < 0)
+        close(fd);
+    close(placeholder);
+}
+
 // Selecting the converter fails only when the bus itself is gone: the descriptor is closed
 // so that the caller reopens it.
 bool select_adc(int fd) {
     if (ioctl(fd, I2C_SLAVE, kAdcAddress) < 0) {
         perror("Failed to acquire bus access and/or talk to ADS7142");
-        close(fd);
+        close_keeping_number(fd);
         return false;
     }
     return true;

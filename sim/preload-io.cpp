@@ -362,6 +362,29 @@ EXPORT int close(int fd) {
     return real_close(fd);
 }
 
+// dup2 and dup3 onto a bus descriptor close that bus, as the kernel does for a real one.
+EXPORT int dup2(int old_fd, int new_fd) noexcept {
+    REAL(dup2);
+    const bool bus = old_fd != new_fd && Simulation::is_bus_fd(new_fd);
+    const int result = real_dup2(old_fd, new_fd);
+    if (result >= 0 && bus) {
+        if (Simulation* simulation = Simulation::get())
+            simulation->forget_fd(new_fd);
+    }
+    return result;
+}
+
+EXPORT int dup3(int old_fd, int new_fd, int flags) noexcept {
+    REAL(dup3);
+    const bool bus = old_fd != new_fd && Simulation::is_bus_fd(new_fd);
+    const int result = real_dup3(old_fd, new_fd, flags);
+    if (result >= 0 && bus) {
+        if (Simulation* simulation = Simulation::get())
+            simulation->forget_fd(new_fd);
+    }
+    return result;
+}
+
 // ---- file names ----
 
 EXPORT int access(const char* path, int mode) noexcept {

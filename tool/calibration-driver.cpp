@@ -10,25 +10,18 @@
 #include "fjord_pipe.h"
 #include "i2c-monitor.h"
 #include "mp_session.h"
+#include "service-command.h"
 
 namespace {
 
 constexpr unsigned kServiceSettleUs = 4000000;  // the service retunes in the background
 constexpr unsigned kAfterRunSeconds = 1;
-constexpr size_t kCommandSize = 256;
 constexpr size_t kMpCommandSize = 64;
 constexpr const char* kRule = "========================================";
 
 bool is_fast_capable(int frequency_mhz, int mcs) {
     const bool frequency = frequency_mhz == 2412 || frequency_mhz == 5180 || frequency_mhz == 5805;
     return frequency && (mcs == 0 || mcs == 3);
-}
-
-int run_shell(const char* format, int value) {
-    char command[kCommandSize];
-    snprintf(command, sizeof command, format, value);
-    fflush(stdout);
-    return system(command);
 }
 
 int send_mp_setting(const char* name, int value) {
@@ -63,12 +56,12 @@ void calibrate_with_mp(int fd, int frequency_mhz, int mcs, bool fast) {
 
 void calibrate_with_service(int fd, int frequency_mhz, int mcs, bool fast) {
     printf("Setting frequency to %d MHz...\n", frequency_mhz);
-    if (run_shell("orca-configure-vtx -F %d", frequency_mhz) == -1) {
+    if (run_configure_vtx("-F", frequency_mhz) == -1) {
         perror("Failed to set frequency using orca-configure-vtx");
         return;
     }
     printf("Setting MCS to %d...\n", mcs);
-    if (run_shell("orca-configure-vtx -m %d", mcs) == -1) {
+    if (run_configure_vtx("-m", mcs) == -1) {
         perror("Failed to set MCS using orca-configure-vtx");
         return;
     }
@@ -138,7 +131,7 @@ int run_calibration(int fd, RunMode mode) {
         mp_stop();
     } else {
         fflush(stdout);
-        if (system("orca-send-command vtx_latency stop_test 1") != 0)
+        if (run_shell_command("orca-send-command vtx_latency stop_test 1") != 0)
             fprintf(stderr, "Warning: Failed to stop vtx_latency test\n");
     }
     finish();

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "calibration-driver.h"
@@ -11,6 +12,25 @@
 #include "vtx_pipe.h"
 
 namespace {
+
+// A descriptor 0, 1 or 2 that was closed when we were started would be handed to the next
+// open: the bus, and every printed line would go to the selected chip. Each closed one is
+// held open on /dev/null instead. False when /dev/null cannot be opened.
+bool hold_standard_descriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) != -1 || errno != EBADF)
+            continue;
+        // The lower ones are open by now, so this takes exactly `fd`.
+        const int null = open("/dev/null", O_RDWR);
+        if (null < 0)
+            return false;
+        if (null != fd) {
+            dup2(null, fd);
+            close(null);
+        }
+    }
+    return true;
+}
 
 // What each run mode does once the bus and the status pipe are open. The result is the
 // process's exit status; the bus is closed by the caller.
@@ -29,6 +49,8 @@ int run_mode(RunMode mode, int fd, SensorReading* reading) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    if (!hold_standard_descriptors())
+        return 1;
     // Operators run the monitor through tee or into a log: every line leaves as printed.
     setvbuf(stdout, nullptr, _IOLBF, 0);
 

@@ -9,6 +9,7 @@
 
 #include "i2c-monitor.h"
 #include "orca-vtx-i2c-monitor.h"
+#include "service-command.h"
 #include "vtx_pipe.h"
 
 namespace {
@@ -29,10 +30,8 @@ int run_monitor(int fd, SensorReading* reading) {
     if (adjust_power) {
         // The search starts from the lowest power whatever the radio was left at.
         printf("Setting initial power to %d...\n", kInitialPowerIndex);
-        char command[256];
-        snprintf(command, sizeof command, "orca-configure-vtx -p %d", kInitialPowerIndex);
         // Only a shell that cannot start is an error; the command's own status is not ours.
-        if (system(command) == -1) {
+        if (run_configure_vtx("-p", kInitialPowerIndex) == -1) {
             perror("Failed to set initial power using orca-configure-vtx");
             return 1;
         }

@@ -15,6 +15,7 @@
 #include "i2c-monitor.h"
 #include "mp_session.h"
 #include "orca-vtx-i2c-monitor.h"
+#include "service-command.h"
 
 namespace {
 
@@ -61,8 +62,7 @@ bool read_int_value(const char* text, int* out) {
 // Runs a command line through the shell; the exit status of a normal end, else -1 (the shell
 // could not be started or was ended by a signal).
 int shell_exit_status(const char* command) {
-    fflush(stdout);  // keep our lines ahead of anything the children print
-    const int status = system(command);
+    const int status = run_shell_command(command);
     if (status == -1 || !WIFEXITED(status))
         return -1;
     return WEXITSTATUS(status);

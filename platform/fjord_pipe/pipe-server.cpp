@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <linux/sockios.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,10 +29,24 @@ namespace {
 constexpr size_t kMaxPendingControl = 16;
 // Room for a burst of records per client before they are dropped.
 constexpr int kClientSendBuffer = 256 * 1024;
+// Modes set explicitly, whatever the publisher's umask. Only the owner may open the lock: a
+// reader holding an flock on it would keep a restarted publisher out. The sockets are for
+// the owner's group; the info file says nothing secret.
+constexpr mode_t kLockMode = 0600;
+constexpr mode_t kSocketMode = 0660;
+constexpr mode_t kInfoMode = 0644;
+// With no descriptor left, a pending connection keeps the listening socket readable and
+// every accept fails at once: the worker stops listening until a client leaves, or for
+// this long.
+constexpr int kAcceptPauseMs = 100;
+
+bool out_of_descriptors(int error) {
+    return error == EMFILE || error == ENFILE;
+}
 
 struct Client {
     int fd;
-    bool dropping;  // warned about records lost since the last one that got through
+    bool dropping;  // warned about records lost since the client last caught up
 };
 
 struct ServerChannel {
@@ -81,7 +97,9 @@ int listen_on(const std::string& dir, const char* leaf) {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
         return -1;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd, 16) != 0) {
+    // Nobody can connect before listen, so the mode is right before anyone can use it.
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        chmod(address.sun_path, kSocketMode) != 0 || listen(fd, 16) != 0) {
         int saved = errno;
         close(fd);
         errno = saved;
@@ -105,7 +123,10 @@ int write_info_file(const std::string& dir, const char* type) {
         return -1;
     const std::string final_path = file_in(dir, fjord_pipe::kInfoFile);
     const std::string temp_path = final_path + ".tmp";
-    FILE* file = fopen(temp_path.c_str(), "w");
+    const int fd = open(temp_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kInfoMode);
+    FILE* file = fd >= 0 && fchmod(fd, kInfoMode) == 0 ? fdopen(fd, "w") : nullptr;
+    if (file == nullptr && fd >= 0)
+        close(fd);
     bool ok = file != nullptr && fprintf(file, "%s\n", text) > 0;
     if (file != nullptr && fclose(file) != 0)
         ok = false;
@@ -122,19 +143,21 @@ void remove_pipe_files(const std::string& dir) {
     unlink(file_in(dir, fjord_pipe::kInfoFile).c_str());
 }
 
-void accept_client(ServerChannel& ch) {
+// False when no descriptor was left for the client, which then stays queued.
+bool accept_client(ServerChannel& ch) {
     int fd = accept4(ch.data_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0)
-        return;
+        return !out_of_descriptors(errno);
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kClientSendBuffer, sizeof kClientSendBuffer);
     // Counted and welcomed under one lock, so that no record can overtake the welcome.
     std::lock_guard<std::mutex> lock(ch.mutex);
     if (send(fd, fjord_pipe::kWelcome, fjord_pipe::kWelcomeBytes, MSG_DONTWAIT | MSG_NOSIGNAL) !=
         fjord_pipe::kWelcomeBytes) {
         close(fd);
-        return;
+        return true;
     }
     ch.clients.push_back({fd, false});
+    return true;
 }
 
 void drop_client(ServerChannel& ch, int fd) {
@@ -176,11 +199,13 @@ void run_worker(int channel) {
     ServerChannel& ch = g_channels[channel];
     std::vector<int> pending_control;
     std::vector<pollfd> fds;
+    bool accept_paused = false;
     for (;;) {
         fds.clear();
         fds.push_back({ch.wake_fd, POLLIN, 0});
-        fds.push_back({ch.data_fd, POLLIN, 0});
-        fds.push_back({ch.control_fd, POLLIN, 0});
+        // A negative descriptor is left out of the poll.
+        fds.push_back({accept_paused ? -1 : ch.data_fd, POLLIN, 0});
+        fds.push_back({accept_paused ? -1 : ch.control_fd, POLLIN, 0});
         for (int fd : pending_control)
             fds.push_back({fd, POLLIN, 0});
         const size_t first_client = fds.size();
@@ -189,22 +214,29 @@ void run_worker(int channel) {
             for (const Client& client : ch.clients)
                 fds.push_back({client.fd, POLLIN, 0});
         }
-        if (poll(fds.data(), fds.size(), -1) < 0) {
+        const int ready = poll(fds.data(), fds.size(), accept_paused ? kAcceptPauseMs : -1);
+        if (ready < 0) {
             if (errno == EINTR)
                 continue;
             perror("ERROR in pipe server");
             return;
         }
+        if (ready == 0) {
+            accept_paused = false;
+            continue;
+        }
         if (fds[0].revents != 0)
             break;
-        if (fds[1].revents != 0)
-            accept_client(ch);
+        if (fds[1].revents != 0 && !accept_client(ch))
+            accept_paused = true;
         std::vector<int> still_pending;
         for (size_t i = 3; i < first_client; ++i) {
-            if (fds[i].revents != 0)
+            if (fds[i].revents != 0) {
                 serve_control(channel, ch, fds[i].fd);
-            else
+                accept_paused = false;
+            } else {
                 still_pending.push_back(fds[i].fd);
+            }
         }
         pending_control.swap(still_pending);
         if (fds[2].revents != 0) {
@@ -213,11 +245,15 @@ void run_worker(int channel) {
                 pending_control.push_back(fd);
             else if (fd >= 0)
                 close(fd);
+            else if (out_of_descriptors(errno))
+                accept_paused = true;
         }
         // Clients send nothing; readable means gone (or misbehaving, and then it is dropped).
         for (size_t i = first_client; i < fds.size(); ++i) {
-            if (fds[i].revents != 0)
+            if (fds[i].revents != 0) {
                 drop_client(ch, fds[i].fd);
+                accept_paused = false;
+            }
         }
     }
     for (int fd : pending_control)
@@ -278,8 +314,13 @@ int pipe_server_create(int channel, const char* name, const char* type) {
     }
     // The lock is held for the server's life; the kernel drops it when the server dies, so
     // sockets left by a crashed server are known to be stale and can be replaced.
+    // A lock left by an older server may carry a wider mode; it is narrowed here.
     int lock_fd =
-        open(file_in(dir, fjord_pipe::kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        open(file_in(dir, fjord_pipe::kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kLockMode);
+    if (lock_fd >= 0 && fchmod(lock_fd, kLockMode) != 0) {
+        close(lock_fd);
+        lock_fd = -1;
+    }
     if (lock_fd < 0) {
         fprintf(stderr, "ERROR in pipe_server_create: cannot open the lock of %s: %s\n",
                 dir.c_str(), strerror(errno));
@@ -337,10 +378,17 @@ int pipe_server_write(int channel, const void* data, int bytes) {
     if (bytes == 0)
         return 0;
     for (Client& client : ch.clients) {
+        // A run of drops ends only once the client has read everything queued for it: a
+        // reader that frees room for one record at a time is still behind, and is not
+        // warned again for every record.
+        int queued = 0;
+        if (client.dropping && ioctl(client.fd, SIOCOUTQ, &queued) == 0 && queued == 0)
+            client.dropping = false;
         if (send(client.fd, data, static_cast<size_t>(bytes), MSG_DONTWAIT | MSG_NOSIGNAL) ==
             bytes) {
-            client.dropping = false;
-        } else if (errno == EAGAIN && !client.dropping) {
+            continue;
+        }
+        if (errno == EAGAIN && !client.dropping) {
             // A slow reader loses records instead of stalling the publisher.
             fprintf(stderr, "WARNING: a client of pipe %s is not keeping up; dropping records\n",
                     ch.dir.c_str());

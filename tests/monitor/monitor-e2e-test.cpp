@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <regex>
 
 #include "board_run.h"
 
@@ -28,12 +29,16 @@ struct MonitorRun {
 };
 
 // `orca-vtx-i2c-monitor -d 1 args...` on a board set up with `board` (orca-board-sim
-// options), until `enough` holds for what it printed; then `signal` ends it.
+// options), until `enough` holds for what it printed; then `signal` ends it. A `launcher`
+// (such as a shell that sets up the tool's descriptors) is put before the tool's own words.
 MonitorRun run_monitor(const std::vector<std::string>& board, const std::vector<std::string>& args,
-                       const Enough& enough, int signal = SIGTERM) {
+                       const Enough& enough, int signal = SIGTERM,
+                       const std::vector<std::string>& launcher = {}) {
     orca_test::TempDir tmp;
     const std::string root = tmp.path() + "/board";
-    std::vector<std::string> command = {ORCA_MONITOR_BINARY, "-d", "1"};
+    std::vector<std::string> command = launcher;
+    for (const char* word : {ORCA_MONITOR_BINARY, "-d", "1"})
+        command.push_back(word);
     command.insert(command.end(), args.begin(), args.end());
     orca_test::ProcessOptions options;
     options.stop_when = [&](const orca_test::ProcessResult& r) { return enough(r.out, r.err); };
@@ -171,6 +176,102 @@ TEST(Monitor, AdjustmentAndLinesFollowTheBandAndMcsThatTheServicePublishes) {
               "Searching for optimal power level (range: 1-60) to achieve 20.00 dBm at 5.1 GHz...");
     EXPECT_EQ(run.out.back(), reading("11.62 dBm (44.82 mV)", "5.1", "19.86 dBm (645.56 mV)",
                                       "5180", "25.00", "MCS: 3   Power: 22"));
+}
+
+// A configure command ended by the operator's Ctrl-C. As a terminal does, it sends SIGINT to
+// the whole foreground job: the tool, the tool's shell and itself.
+const char* const kInterruptedConfigure = "#!/bin/sh\nkill -INT 0\nexec cat\n";
+
+TEST(Monitor, CtrlCDuringAServiceCommandEndsTheToolAtOnce) {
+    const struct {
+        std::vector<std::string> args;
+        std::string last_line;  // printed just before the configure command
+    } kRuns[] = {
+        {{"-adjust-dbm", "20"}, "Setting initial power to 1..."},
+        {{"-calibrate", "-f", "5180", "-m", "0"}, "Setting frequency to 5180 MHz..."},
+    };
+    for (const auto& run : kRuns) {
+        SCOPED_TRACE(run.args[0]);
+        orca_test::TempDir bin;
+        bin.write_file("orca-configure-vtx", kInterruptedConfigure, true);
+        // The tool leads a process group of its own, as a job of an interactive shell does.
+        const std::vector<std::string> launcher = {"sh", "-c", "PATH=$0:$PATH exec setsid \"$@\"",
+                                                   bin.path()};
+        const auto result = run_monitor(
+            {"--no-publisher"}, run.args,
+            [&](auto& out, auto&) {  // the tool carried on after the command
+                const size_t at = out.find(run.last_line + "\n");
+                return at != std::string::npos && at + run.last_line.size() + 1 < out.size();
+            },
+            SIGTERM, launcher);
+        EXPECT_EQ(result.exit_status, 128 + SIGINT);
+        ASSERT_FALSE(result.out.empty());
+        EXPECT_EQ(result.out.back(), run.last_line);
+        EXPECT_TRUE(result.err.empty());
+    }
+}
+
+TEST(Monitor, StatusPipeStaysConnectedWhileTheBusIsGone) {
+    // The first select of the converter fails and closes the bus; every retry then fails on
+    // the closed descriptor. The service comes up only after that. Its errors reach the
+    // test through the script, whose first line it passes on before starting the publisher.
+    const std::string script = std::string(R"(errors="$ORCA_SIM_ROOT/errors"
+mkfifo "$errors" || exit 1
+(
+    exec <"$errors"
+    IFS= read -r line
+    printf '%s\n' "$line" >&2
+    ORCA_SIM_REAL_TIME=1 ")") + SIM_PUBLISHER +
+                               R"(" --state "$ORCA_SIM_ROOT/board-state" &
+    publisher=$!
+    cat >&2
+    kill $publisher
+) &
+exec "$@" 2>"$errors")";
+    const std::string failure = "Error processing sensor data\n";
+    size_t failures_when_connected = 0;
+    const auto run = run_monitor(
+        {"--no-publisher", "--fault", "select:0x1d:1:1"}, {},
+        [&](auto& out, auto& err) {
+            if (failures_when_connected == 0 && out.find("Connected") != std::string::npos)
+                failures_when_connected = count(err, failure) + 1;
+            return failures_when_connected != 0 &&
+                   count(err, failure) >= failures_when_connected + 20;
+        },
+        SIGTERM, {"sh", "-c", script, "sh"});
+    EXPECT_EQ(run.exit_status, 128 + SIGTERM);
+    EXPECT_NE(failures_when_connected, 0u) << "the pipe never connected";
+    for (const std::string& line : run.out)
+        EXPECT_EQ(line.find("Disconnected"), std::string::npos) << line;
+    // The retries select on the closed descriptor, never on anything opened since.
+    ASSERT_GE(run.err.size(), 4u);
+    for (size_t i = 2; i < run.err.size(); ++i)
+        EXPECT_EQ(run.err[i], i % 2 ? "Error processing sensor data"
+                                    : "Failed to acquire bus access and/or talk to ADS7142: Bad "
+                                      "file descriptor")
+            << i;
+}
+
+TEST(Monitor, StartedWithStandardDescriptorsClosedKeepsTheBusOffThem) {
+    // Started with standard input and output closed, the tool must not get the bus on
+    // descriptor 0 or 1: every line it prints would go to the selected chip. The board's
+    // bus trace says which descriptor each open of a bus got.
+    const auto run = run_monitor(
+        {"--fault", "read:0x1d:1:0"}, {},
+        [](auto&, auto& err) { return count(err, "Error processing sensor data") >= 2; }, SIGTERM,
+        {"sh", "-c", "exec 0<&- 1>&-; ORCA_SIM_TRACE=bus exec \"$@\"", "sh"});
+    EXPECT_EQ(run.exit_status, 128 + SIGTERM);
+    EXPECT_TRUE(run.out.empty());
+    const std::regex bus_open(R"(bus: open /dev/i2c-1: fd (\d+))");
+    int opens = 0;
+    for (const std::string& line : run.err) {
+        std::smatch match;
+        if (std::regex_search(line, match, bus_open)) {
+            ++opens;
+            EXPECT_GT(std::stoi(match[1]), 2) << line;
+        }
+    }
+    EXPECT_EQ(opens, 2) << "the presence test's and the tool's own";
 }
 
 }  // namespace

@@ -159,6 +159,12 @@ TEST_F(ReadCycleTest, ConverterFailuresEndTheCycleWithTheirStep) {
         EXPECT_EQ(printed.err, c.err + std::string(closes ? ": Device or resource busy\n"
                                                           : ": Input/output error\n"));
         EXPECT_EQ(is_open(fd_), !closes);
+        if (closes) {
+            // The number stays taken: whatever is opened next cannot get the bus's number.
+            const int next = open("/dev/null", O_RDONLY);
+            EXPECT_NE(next, fd_);
+            close(next);
+        }
         EXPECT_EQ(reading_.sample_count, c.samples_done);
         EXPECT_EQ(reading_.ch0_mv, c.samples_done ? 112.5 : 0.0);
         EXPECT_EQ(reading_.ch0_dbm, 0.0);

@@ -19,8 +19,13 @@ namespace orca_test {
 // purpose; any other number fails it at its end. Zero at the start of every test.
 void expect_unexpected_frames(uint64_t count);
 
+// Open for I/O. A closed descriptor and a number kept taken after its bus was closed (an
+// O_PATH placeholder) both refuse every read, write and ioctl.
 inline bool is_open(int fd) {
-    return fcntl(fd, F_GETFD) != -1 || errno != EBADF;
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags == -1)
+        return errno != EBADF;
+    return (flags & O_PATH) == 0;
 }
 
 // A data buffer whose eight pairs all hold the same two entries.
