@@ -114,20 +114,15 @@ bool process_state(const char* pid_text, char* state, pid_t* parent, pid_t* grou
 }
 
 // True when a process that may be about to answer us is running or waiting for the disk
-// (state R or D), as opposed to asleep: `only` when it is positive, else any child of ours
-// or any other process of our process group. The group matters because a child may sleep
+// (state R or D), as opposed to asleep: any child of ours or any other process of our
+// process group. The group matters because a child may sleep
 // on a lock or a pipe held by a sibling of ours (the board's publisher, say) that is
 // itself waiting for the CPU. Such work needs real time, which the virtual clock does not
 // count.
-bool child_is_busy(pid_t only) {
+bool child_is_busy() {
     char state = 0;
     pid_t parent = 0;
     pid_t group = 0;
-    if (only > 0) {
-        const std::string pid_text = std::to_string(only);
-        return process_state(pid_text.c_str(), &state, &parent, &group) && parent == getpid() &&
-               (state == 'R' || state == 'D');
-    }
     DIR* proc = opendir("/proc");
     if (proc == nullptr)
         return false;
@@ -243,7 +238,7 @@ EXPORT int poll(struct pollfd* fds, nfds_t count, int timeout_ms) {
     const uint64_t start = real_now_ns();
     int result = real_poll(fds, count, real_timeout);
     while (result == 0 && scale == 0.0 && real_now_ns() - start < kBusyChildPatienceNs &&
-           child_is_busy(0))
+           child_is_busy())
         result = real_poll(fds, count, real_timeout);
     const uint64_t real_ns = real_now_ns() - start;
     if (result == 0)
@@ -253,7 +248,9 @@ EXPORT int poll(struct pollfd* fds, nfds_t count, int timeout_ms) {
 
 // A WNOHANG test between virtual sleeps takes no real time, so it would find a child that
 // only needs a moment more to finish (after closing its output, say) still running. While
-// that child is busy the test waits for it in real time, as the real clock would have.
+// that child, or a process it may be waiting for (a child of its own, the board's publisher
+// holding a lock), is busy the test waits for it in real time, as the real clock would have.
+// Emulated programs take long enough over their exit to need the wider look.
 EXPORT pid_t waitpid(pid_t pid, int* status, int options) {
     REAL(waitpid);
     pid_t result = real_waitpid(pid, status, options);
@@ -263,7 +260,7 @@ EXPORT pid_t waitpid(pid_t pid, int* status, int options) {
         return result;
     REAL(nanosleep);
     const uint64_t start = real_now_ns();
-    while (result == 0 && real_now_ns() - start < kBusyChildPatienceNs && child_is_busy(pid)) {
+    while (result == 0 && real_now_ns() - start < kBusyChildPatienceNs && child_is_busy()) {
         timespec pause{0, 1000000};
         real_nanosleep(&pause, nullptr);
         result = real_waitpid(pid, status, options);

@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/i2c-dev.h>
 #include <spawn.h>
 #include <stdarg.h>
 #include <sys/socket.h>
@@ -139,6 +140,33 @@ bool access_i2c_node(const char* path, int mode, int* result) {
             return false;
     }
     return false;
+}
+
+bool is_i2c_request(unsigned long request) {
+    switch (request) {
+        case I2C_RETRIES:
+        case I2C_TIMEOUT:
+        case I2C_SLAVE:
+        case I2C_TENBIT:
+        case I2C_FUNCS:
+        case I2C_SLAVE_FORCE:
+        case I2C_RDWR:
+        case I2C_PEC:
+        case I2C_SMBUS:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// On the board every i2c-dev node is simulated, so an i2c-dev request on any other
+// descriptor gets the kernel's answer for it: EBADF when it is not open for I/O (closed, or
+// an O_PATH placeholder), else ENOTTY. qemu-user would answer ENOSYS to the request itself,
+// before it looks at the descriptor.
+int i2c_request_on_other_descriptor(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    errno = (flags < 0 || (flags & O_PATH) != 0) ? EBADF : ENOTTY;
+    return -1;
 }
 
 std::vector<char*> collect_arguments(const char* first, va_list* arguments) {
@@ -350,6 +378,8 @@ EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
         if (Simulation* simulation = Simulation::get())
             return simulation->bus_ioctl(fd, request, argument);
     }
+    if (Simulation::get() != nullptr && is_i2c_request(request))
+        return i2c_request_on_other_descriptor(fd);
     return real_ioctl(fd, request, argument);
 }
 
