@@ -115,10 +115,9 @@ bool process_state(const char* pid_text, char* state, pid_t* parent, pid_t* grou
 
 // True when a process that may be about to answer us is running or waiting for the disk
 // (state R or D), as opposed to asleep: any child of ours or any other process of our
-// process group. The group matters because a child may sleep
-// on a lock or a pipe held by a sibling of ours (the board's publisher, say) that is
-// itself waiting for the CPU. Such work needs real time, which the virtual clock does not
-// count.
+// process group. The group matters because a child may sleep on a lock or a pipe held by a
+// sibling of ours (the board's publisher, say) that is itself waiting for the CPU. Such work
+// needs real time, which the virtual clock does not count.
 bool child_is_busy() {
     char state = 0;
     pid_t parent = 0;
