@@ -118,7 +118,7 @@ bool process_state(const char* pid_text, char* state, pid_t* parent, pid_t* grou
 // process group. The group matters because a child may sleep on a lock or a pipe held by a
 // sibling of ours (the board's publisher, say) that is itself waiting for the CPU. Such work
 // needs real time, which the virtual clock does not count.
-bool child_is_busy() {
+bool child_is_busy(std::string* seen = nullptr) {
     char state = 0;
     pid_t parent = 0;
     pid_t group = 0;
@@ -135,6 +135,8 @@ bool child_is_busy() {
         const bool related =
             parent == self || (group == own_group && std::atoi(entry->d_name) != self);
         busy = related && (state == 'R' || state == 'D');
+        if (related && seen != nullptr)
+            *seen += std::string(" ") + entry->d_name + ":" + state;
     }
     closedir(proc);
     return busy;
@@ -239,9 +241,21 @@ EXPORT int poll(struct pollfd* fds, nfds_t count, int timeout_ms) {
     while (result == 0 && scale == 0.0 && real_now_ns() - start < kBusyChildPatienceNs &&
            child_is_busy())
         result = real_poll(fds, count, real_timeout);
+    // A child may answer and go back to sleep between the last wait and the look at its
+    // state: its answer is waiting, and one more look finds it before the timeout is skipped.
+    if (result == 0 && scale == 0.0)
+        result = real_poll(fds, count, 0);
     const uint64_t real_ns = real_now_ns() - start;
-    if (result == 0)
+    if (result == 0) {
+        if (board_sim::tracing(board_sim::kTraceClock)) {
+            std::string seen;
+            child_is_busy(&seen);
+            board_sim::trace(board_sim::kTraceClock,
+                             "poll timeout %d ms skipped after %llu ms; related:%s", timeout_ms,
+                             static_cast<unsigned long long>(real_ns / 1000000), seen.c_str());
+        }
         simulation->account_wait(static_cast<uint64_t>(timeout_ms) * 1000000u, real_ns);
+    }
     return result;
 }
 
@@ -264,5 +278,8 @@ EXPORT pid_t waitpid(pid_t pid, int* status, int options) {
         real_nanosleep(&pause, nullptr);
         result = real_waitpid(pid, status, options);
     }
+    // The child may have ended between the last test and the look at its state.
+    if (result == 0)
+        result = real_waitpid(pid, status, options);
     return result;
 }

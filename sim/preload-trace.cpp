@@ -41,12 +41,14 @@ void configure_trace(const char* topics) {
             g_topics |= kTracePath;
         } else if (length == 4 && std::strncmp(word, "exec", 4) == 0) {
             g_topics |= kTraceExec;
+        } else if (length == 5 && std::strncmp(word, "clock", 5) == 0) {
+            g_topics |= kTraceClock;
         } else if (length > 0) {
             char message[160];
-            const int size = std::snprintf(
-                message, sizeof message,
-                "board-sim: ORCA_SIM_TRACE: unknown topic \"%.*s\" (known: bus, path, exec)\n",
-                static_cast<int>(length < 64 ? length : 64), word);
+            const int size = std::snprintf(message, sizeof message,
+                                           "board-sim: ORCA_SIM_TRACE: unknown topic \"%.*s\" "
+                                           "(known: bus, path, exec, clock)\n",
+                                           static_cast<int>(length < 64 ? length : 64), word);
             if (size > 0)
                 write_stderr(message, std::strlen(message));
         }
@@ -67,7 +69,8 @@ void trace(TraceTopic topic, const char* format, ...) {
     int used = std::snprintf(line, sizeof line, "board-sim[%d] %s: ", static_cast<int>(getpid()),
                              topic == kTraceBus    ? "bus"
                              : topic == kTracePath ? "path"
-                                                   : "exec");
+                             : topic == kTraceExec ? "exec"
+                                                   : "clock");
     va_list arguments;
     va_start(arguments, format);
     const int more =

@@ -7,13 +7,15 @@
 namespace board_sim {
 
 enum TraceTopic : unsigned {
-    kTraceBus = 1,   // i2c-dev nodes and every transfer on a simulated bus
-    kTracePath = 2,  // file names moved into the sandbox
-    kTraceExec = 4,  // programs started through the emulator of another machine
+    kTraceBus = 1,    // i2c-dev nodes and every transfer on a simulated bus
+    kTracePath = 2,   // file names moved into the sandbox
+    kTraceExec = 4,   // programs started through the emulator of another machine
+    kTraceClock = 8,  // poll timeouts the clock skips, with the related processes' states
 };
 
-// Reads the comma-separated topics of ORCA_SIM_TRACE ("bus", "path", "exec"); an unknown word is
-// reported on standard error and ignored. Off when the variable is unset or empty.
+// Reads the comma-separated topics of ORCA_SIM_TRACE ("bus", "path", "exec", "clock"); an
+// unknown word is reported on standard error and ignored. Off when the variable is unset or
+// empty.
 void configure_trace(const char* topics);
 bool tracing(TraceTopic topic);
 // Writes "board-sim[PID] TOPIC: " and the formatted text as one line to standard error,

@@ -140,7 +140,7 @@ TEST(BoardSimEndToEnd, OddFramesAreReportedAndTheTraceShowsThem) {
          {"] path: "}},
         {"path", {"] path: open /data/quillon/vtx/5_8_mv_to_dbm.csv -> /tmp/obs-"}, {"] bus: "}},
         {"bus,nonsense",
-         {"board-sim: ORCA_SIM_TRACE: unknown topic \"nonsense\" (known: bus, path, exec)\n",
+         {"board-sim: ORCA_SIM_TRACE: unknown topic \"nonsense\" (known: bus, path, exec, clock)\n",
           "] bus: "},
          {}},
     };
