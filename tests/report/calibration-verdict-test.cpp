@@ -81,268 +81,116 @@ struct FindingCase {
     std::function<Cells(Cells)> previous = nullptr;  // with --previous
 };
 
+// Edits of a default column, each a shape the checks must recognise.
+using Edit = std::function<Cells(Cells)>;
+
+Edit cell(int level, const std::string& text) {
+    return [=](Cells c) {
+        c[level] = text;
+        return c;
+    };
+}
+
+Edit by_db(double db) {
+    return [=](Cells c) { return scaled(c, db); };
+}
+
+// Level 30 `db` below the highest level under it.
+Edit dip(double db) {
+    return [=](Cells c) {
+        double highest = 0;
+        for (int l = 1; l < 30; ++l)
+            highest = std::max(highest, std::stod(c[l]));
+        c[30] = mw_text(highest * std::pow(10.0, -db / 10.0));
+        return c;
+    };
+}
+
+// Levels 1 to 60 rising evenly by `db` in all from 20 dBm.
+Edit span(double db) {
+    return [=](Cells c) {
+        for (int l = 1; l <= 60; ++l)
+            c[l] = mw_text(100.0 * std::pow(10.0, db / 10.0 * (l - 1) / 59.0));
+        return c;
+    };
+}
+
+// Flat from `knee`: only 0.4 dB more up to level 60.
+Edit knee_at(int knee) {
+    return [=](Cells c) {
+        for (int l = knee + 1; l <= 60; ++l)
+            c[l] = mw_text(std::stod(c[knee]) * std::pow(10.0, 0.04 * (l - knee) / (60.0 - knee)));
+        return c;
+    };
+}
+
 TEST(CalibrationVerdict, EachFileShapeGivesItsFindings) {
-    const auto same = [](Cells c) { return c; };
+    const Edit same = [](Cells c) { return c; };
+    const Edit mcs3_default = [](Cells) { return default_cells(Band::b5_8, 3); };
+    const Edit rows_above_60 = [](Cells c) {
+        c[61] = "NA";
+        c[62] = "";
+        return c;
+    };
+    const Edit two_db_drop = [](Cells c) {
+        c[30] = mw_text(std::stod(c[29]) * 0.63);
+        return c;
+    };
+    const Edit flat = [](Cells c) {
+        for (int l = 1; l <= 60; ++l)
+            c[l] = mw_text(100.0 + l * 0.1);  // 20.0 to 20.3 dBm
+        return c;
+    };
     const VerdictOptions etsi_high_gain{Region::etsi, 10.0, 0.0};
     const VerdictOptions etsi_low_gain{Region::etsi, 5.0, 0.0};
+    const auto pass = Severity::pass;
+    const auto warn = Severity::warn;
+    const auto fail = Severity::fail;
+    // clang-format off
     const std::vector<FindingCase> cases = {
-        {"the default curve itself", Band::b2_4, 0, same, {}, Severity::pass},
-        {"MCS 7 against the MCS 3 default",
-         Band::b5_8,
-         7,
-         [](Cells) { return default_cells(Band::b5_8, 3); },
-         {},
-         Severity::pass},
-        {"-1 at a level",
-         Band::b2_4,
-         0,
-         [](Cells c) {
-             c[20] = "-1";
-             return c;
-         },
-         {"missing-levels:fail"},
-         Severity::fail},
-        {"NA at a level",
-         Band::b5_1,
-         1,
-         [](Cells c) {
-             c[33] = "NA";
-             return c;
-         },
-         {"missing-levels:fail"},
-         Severity::fail},
-        {"an absent row",
-         Band::b5_8,
-         0,
-         [](Cells c) {
-             c[7] = "";
-             return c;
-         },
-         {"missing-levels:fail"},
-         Severity::fail},
-        {"an unreadable cell",
-         Band::b5_8,
-         3,
-         [](Cells c) {
-             c[12] = "12.5x";
-             return c;
-         },
-         {"missing-levels:fail"},
-         Severity::fail},
-        {"rows above 60 do not count",
-         Band::b2_4,
-         1,
-         [](Cells c) {
-             c[61] = "NA";
-             c[62] = "";
-             return c;
-         },
-         {},
-         Severity::pass},
-        {"a temperature stop at the last level",
-         Band::b2_4,
-         0,
-         [](Cells c) {
-             c[60] = "TEMP_ERROR_76_3";
-             return c;
-         },
-         {"temperature-stop:fail"},
-         Severity::fail},
-        {"a drop of 2 dB",
-         Band::b5_1,
-         0,
-         [](Cells c) {
-             c[30] = mw_text(std::stod(c[29]) * 0.63);
-             return c;
-         },
-         {"not-monotonic:fail"},
-         Severity::fail},
-        {"a dip of 0.4 dB below the highest lower level is tolerated",
-         Band::b5_8,
-         0,
-         [](Cells c) {
-             double highest = 0;
-             for (int l = 1; l < 30; ++l)
-                 highest = std::max(highest, std::stod(c[l]));
-             c[30] = mw_text(highest * std::pow(10.0, -0.04));
-             return c;
-         },
-         {},
-         Severity::pass},
-        {"a dip of 0.55 dB is not",
-         Band::b5_8,
-         0,
-         [](Cells c) {
-             double highest = 0;
-             for (int l = 1; l < 30; ++l)
-                 highest = std::max(highest, std::stod(c[l]));
-             c[30] = mw_text(highest * std::pow(10.0, -0.055));
-             return c;
-         },
-         {"not-monotonic:fail"},
-         Severity::fail},
-        {"a flat column",
-         Band::b5_8,
-         0,
-         [](Cells c) {
-             for (int l = 1; l <= 60; ++l)
-                 c[l] = mw_text(100.0 + l * 0.1);  // 20.0 to 20.3 dBm
-             return c;
-         },
-         {"no-response:fail", "default-deviation:fail", "early-saturation:warn"},
-         Severity::fail},
-        // Spans just under and just over 3 dB, rising evenly from 20 dBm.
-        {"a span of 2.95 dB",
-         Band::b5_8,
-         0,
-         [](Cells c) {
-             for (int l = 1; l <= 60; ++l)
-                 c[l] = mw_text(100.0 * std::pow(10.0, 0.295 * (l - 1) / 59.0));
-             return c;
-         },
-         {"no-response:fail", "default-deviation:fail"},
-         Severity::fail},
-        {"a span of 3.05 dB",
-         Band::b5_8,
-         0,
-         [](Cells c) {
-             for (int l = 1; l <= 60; ++l)
-                 c[l] = mw_text(100.0 * std::pow(10.0, 0.305 * (l - 1) / 59.0));
-             return c;
-         },
-         {"default-deviation:fail"},
-         Severity::fail},
-        {"a knee 12 levels early",
-         Band::b2_4,
-         0,
-         [](Cells c) {
-             // Flat from level 43, 0.4 dB rise to 60: the knee moves from 55 to 43.
-             for (int l = 44; l <= 60; ++l)
-                 c[l] = mw_text(std::stod(c[43]) * std::pow(10.0, 0.04 * (l - 43) / 17.0));
-             return c;
-         },
-         {"early-saturation:warn", "default-deviation:warn"},
-         Severity::warn},
-        // The default curve's knee is 55: flat from 46 is 9 levels early, from 47 only 8.
-        {"a knee 9 levels early",
-         Band::b2_4,
-         0,
-         [](Cells c) {
-             for (int l = 47; l <= 60; ++l)
-                 c[l] = mw_text(std::stod(c[46]) * std::pow(10.0, 0.04 * (l - 46) / 14.0));
-             return c;
-         },
-         {"early-saturation:warn"},
-         Severity::warn},
-        {"a knee 8 levels early",
-         Band::b2_4,
-         0,
-         [](Cells c) {
-             for (int l = 48; l <= 60; ++l)
-                 c[l] = mw_text(std::stod(c[47]) * std::pow(10.0, 0.04 * (l - 47) / 13.0));
-             return c;
-         },
-         {},
-         Severity::pass},
-        {"2.9 dB above the default",
-         Band::b5_1,
-         3,
-         [](Cells c) { return scaled(c, 2.9); },
-         {},
-         Severity::pass},
-        {"3.1 dB above the default",
-         Band::b5_1,
-         3,
-         [](Cells c) { return scaled(c, 3.1); },
-         {"default-deviation:warn"},
-         Severity::warn},
-        {"4 dB above the default",
-         Band::b5_1,
-         3,
-         [](Cells c) { return scaled(c, 4.0); },
-         {"default-deviation:warn"},
-         Severity::warn},
-        {"5.9 dB below the default",
-         Band::b5_1,
-         3,
-         [](Cells c) { return scaled(c, -5.9); },
-         {"default-deviation:warn"},
-         Severity::warn},
-        {"6.1 dB below the default",
-         Band::b5_1,
-         3,
-         [](Cells c) { return scaled(c, -6.1); },
-         {"default-deviation:fail"},
-         Severity::fail},
-        {"7 dB below the default",
-         Band::b5_1,
-         3,
-         [](Cells c) { return scaled(c, -7.0); },
-         {"default-deviation:fail"},
-         Severity::fail},
-        {"0.9 dB from the previous run",
-         Band::b2_4,
-         3,
-         [](Cells c) { return scaled(c, 0.9); },
-         {},
-         Severity::pass,
-         {},
-         same},
-        {"1.1 dB from the previous run",
-         Band::b2_4,
-         3,
-         [](Cells c) { return scaled(c, 1.1); },
-         {"changed:warn"},
-         Severity::warn,
-         {},
-         same},
-        {"2.9 dB from the previous run",
-         Band::b2_4,
-         3,
-         [](Cells c) { return scaled(c, 2.9); },
-         {"changed:warn"},
-         Severity::warn,
-         {},
-         same},
-        {"3.1 dB from the previous run",
-         Band::b2_4,
-         3,
-         [](Cells c) { return scaled(c, 3.1); },
-         {"changed:fail", "default-deviation:warn"},
-         Severity::fail,
-         {},
-         same},
-        {"1.5 dB from the previous run",
-         Band::b2_4,
-         3,
-         [](Cells c) { return scaled(c, 1.5); },
-         {"changed:warn"},
-         Severity::warn,
-         {},
-         same},
-        {"3.5 dB from the previous run",
-         Band::b2_4,
-         3,
-         [](Cells c) { return scaled(c, -3.5); },
-         {"changed:fail", "default-deviation:warn"},
-         Severity::fail,
-         {},
-         same},
-        {"level 1 above the limit at 10 dBi",
-         Band::b2_4,
-         0,
-         same,
-         {"no-legal-level:fail"},
-         Severity::fail,
+        {"the default curve itself", Band::b2_4, 0, same, {}, pass},
+        {"MCS 7 against the MCS 3 default", Band::b5_8, 7, mcs3_default, {}, pass},
+        {"-1 at a level", Band::b2_4, 0, cell(20, "-1"), {"missing-levels:fail"}, fail},
+        {"NA at a level", Band::b5_1, 1, cell(33, "NA"), {"missing-levels:fail"}, fail},
+        {"an absent row", Band::b5_8, 0, cell(7, ""), {"missing-levels:fail"}, fail},
+        {"an unreadable cell", Band::b5_8, 3, cell(12, "12.5x"), {"missing-levels:fail"}, fail},
+        {"rows above 60 do not count", Band::b2_4, 1, rows_above_60, {}, pass},
+        {"a temperature stop at the last level", Band::b2_4, 0, cell(60, "TEMP_ERROR_76_3"),
+         {"temperature-stop:fail"}, fail},
+        {"a drop of 2 dB", Band::b5_1, 0, two_db_drop, {"not-monotonic:fail"}, fail},
+        {"a dip of 0.4 dB below the highest lower level is tolerated", Band::b5_8, 0, dip(0.4),
+         {}, pass},
+        {"a dip of 0.55 dB is not", Band::b5_8, 0, dip(0.55), {"not-monotonic:fail"}, fail},
+        {"a flat column", Band::b5_8, 0, flat,
+         {"no-response:fail", "default-deviation:fail", "early-saturation:warn"}, fail},
+        {"a span of 2.95 dB", Band::b5_8, 0, span(2.95),
+         {"no-response:fail", "default-deviation:fail"}, fail},
+        {"a span of 3.05 dB", Band::b5_8, 0, span(3.05), {"default-deviation:fail"}, fail},
+        // The default curve's knee is 55: flat from 43 is 12 levels early, from 46 nine,
+        // from 47 only eight.
+        {"a knee 12 levels early", Band::b2_4, 0, knee_at(43),
+         {"early-saturation:warn", "default-deviation:warn"}, warn},
+        {"a knee 9 levels early", Band::b2_4, 0, knee_at(46), {"early-saturation:warn"}, warn},
+        {"a knee 8 levels early", Band::b2_4, 0, knee_at(47), {}, pass},
+        {"2.9 dB above the default", Band::b5_1, 3, by_db(2.9), {}, pass},
+        {"3.1 dB above the default", Band::b5_1, 3, by_db(3.1), {"default-deviation:warn"}, warn},
+        {"4 dB above the default", Band::b5_1, 3, by_db(4.0), {"default-deviation:warn"}, warn},
+        {"5.9 dB below the default", Band::b5_1, 3, by_db(-5.9), {"default-deviation:warn"}, warn},
+        {"6.1 dB below the default", Band::b5_1, 3, by_db(-6.1), {"default-deviation:fail"}, fail},
+        {"7 dB below the default", Band::b5_1, 3, by_db(-7.0), {"default-deviation:fail"}, fail},
+        {"0.9 dB from the previous run", Band::b2_4, 3, by_db(0.9), {}, pass, {}, same},
+        {"1.1 dB from the previous run", Band::b2_4, 3, by_db(1.1), {"changed:warn"}, warn, {}, same},
+        {"2.9 dB from the previous run", Band::b2_4, 3, by_db(2.9), {"changed:warn"}, warn, {}, same},
+        {"3.1 dB from the previous run", Band::b2_4, 3, by_db(3.1),
+         {"changed:fail", "default-deviation:warn"}, fail, {}, same},
+        {"1.5 dB from the previous run", Band::b2_4, 3, by_db(1.5), {"changed:warn"}, warn, {}, same},
+        {"3.5 dB from the previous run", Band::b2_4, 3, by_db(-3.5),
+         {"changed:fail", "default-deviation:warn"}, fail, {}, same},
+        {"level 1 above the limit at 10 dBi", Band::b2_4, 0, same, {"no-legal-level:fail"}, fail,
          etsi_high_gain},
-        {"level 1 within the limit at 5 dBi",
-         Band::b2_4,
-         0,
-         same,
-         {},
-         Severity::pass,
-         etsi_low_gain},
+        {"level 1 within the limit at 5 dBi", Band::b2_4, 0, same, {}, pass, etsi_low_gain},
     };
+    // clang-format on
     for (const FindingCase& c : cases) {
         SCOPED_TRACE(c.name);
         const Cells base = default_cells(c.band, c.mcs);
